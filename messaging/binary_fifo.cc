@@ -1,0 +1,177 @@
+#include "messaging/binary_fifo.h"
+
+#include <iomanip>
+#include <iostream>
+#include <memory>
+
+#include "messaging/memory_stream.h"
+#include "messaging/system_log.h"
+
+namespace {
+
+// Each byte as two lowercase hex digits and a blank; the stream is left in
+// decimal with its fill restored.
+void dumpBytes(std::ostream& out, const char* bytes, std::size_t count) {
+  char fill = out.fill('0');
+  out << std::hex;
+  for (std::size_t i = 0; i < count; ++i) {
+    out << std::setw(2) << static_cast<unsigned>(static_cast<unsigned char>(bytes[i])) << ' ';
+  }
+  out << std::dec;
+  out.fill(fill);
+}
+
+void reportTruncated(uint32_t length, int32_t selector) {
+  writeLogTime(std::cerr) << " Error: Truncated message received (" << length << " bytes, selector " << selector
+                          << ")" << std::endl;
+  systemlog::format(LOG_ERR, "%s::Received truncated message (%u bytes, selector=%d)", "getMessage", length,
+                    selector);
+}
+
+}  // namespace
+
+void BinaryInputFifo::open() {
+  if (stream.is_open()) return;
+  writeLogTime(std::cout) << " Info: Opening binary input FIFO: " << path << std::endl;
+  stream.exceptions(std::ios::badbit | std::ios::failbit);
+  if (stream.open(path)) {
+    stream.clear();
+  } else {
+    stream.setstate(std::ios::failbit);  // raises
+  }
+}
+
+BinaryMessage* BinaryInputFifo::getMessage() {
+  if (!stream.good()) {
+    if (wasGood_) {
+      writeLogTime(std::cerr) << " Warn: Fifo is unhappy - good=" << stream.good() << " eof=" << stream.eof()
+                              << std::endl;
+    }
+    wasGood_ = false;
+    return notGoodResult<BinaryMessage>();
+  }
+  wasGood_ = true;
+
+  try {
+    byteArray frame;
+    bistream frameIn(stream);
+    frameIn >> frame;
+    uint32_t length = frame.length;
+    if (length == 0 || length > kMaxPayloadLength) {
+      // The bytes an oversized length announced stay in the pipe: there is no
+      // marker to resynchronise on, so the next length is read from them.
+      writeLogTime(std::cerr) << " Warn: Message with invalid length received (" << length << " bytes)"
+                              << std::endl;
+      systemlog::format(LOG_ERR, "%s::Received %d sized message (empty message or message exceeding maxlen)",
+                        "getMessage", static_cast<int>(length));
+      return nullptr;
+    }
+
+    MemoryInputBuffer payloadBuffer(frame.data, length);
+    std::istream payload(&payloadBuffer);
+    bistream in(payload);
+
+    int32_t version = -1;
+    in >> version;
+    if (version != 1) {
+      writeLogTime(std::cerr) << " Error: Unsupported message version: " << version << std::endl;
+      dumpBytes(std::cout, frame.data, length);
+      std::cout.flush();
+      return nullptr;
+    }
+
+    int32_t sender = -1, recipient = -1, id = -1, correlationId = -1;
+    int64_t timestamp = -1;
+    int32_t selector = -1, responseSelector = -1, flags = -1;
+    in >> sender >> recipient >> id >> correlationId >> timestamp >> selector >> responseSelector >> flags;
+    if (!payload) {
+      reportTruncated(length, selector);
+      return nullptr;
+    }
+    byteArray args;
+    in >> args;
+
+    // The message decodes the payload from its first byte; whether it ran
+    // past the end is judged by its own decoding, not by argsLength.
+    payload.clear();
+    payload.seekg(0);
+    std::unique_ptr<BinaryMessage> message(createMessage(selector, in));
+    if (message) {
+      if (!payload) {
+        reportTruncated(length, selector);
+        return nullptr;
+      }
+      return message.release();
+    }
+
+    writeLogTime(std::cerr) << " Error: Unrecognized selector: " << selector << std::endl;
+    systemlog::format(LOG_ERR, "%s::Received Unrecognized selector=%d", "getMessage", selector);
+    writeLogTime(std::cout) << " Info: Received message:" << " Size: " << length << " Version: " << version
+                            << " Sender: " << sender << " Recipient: " << recipient << " Id: " << id
+                            << " CorrelationId: " << correlationId << " Timestamp: " << timestamp
+                            << " Selector: " << selector << " ResponseSelector: " << responseSelector
+                            << " Flags: 0x" << std::hex << flags << std::dec << " Args[" << args.length << "]: ";
+    if (args.data != nullptr) {
+      // Only the bytes that are really in the payload: argsLength may
+      // announce more than the frame holds.
+      std::size_t present = length - kHeaderSize;
+      dumpBytes(std::cout, args.data, args.length < present ? args.length : present);
+    }
+    std::cout << std::endl;
+    return nullptr;
+  } catch (const std::ios_base::failure& e) {
+    writeLogTime(std::cerr) << " Error: Exception ocurred reading message: " << e.what() << std::endl;
+    wasGood_ = false;
+    return nullptr;
+  }
+}
+
+std::mutex& BinaryOutputFifo::sendMutex() {
+  static std::mutex* mutex = new std::mutex;  // outlives every sender, even at exit
+  return *mutex;
+}
+
+void BinaryOutputFifo::open() {
+  if (stream.is_open()) return;
+  if (stream.open(path)) {
+    stream.clear();
+  } else {
+    stream.setstate(std::ios::failbit);
+  }
+  if (stream.fail()) {
+    stream.clear();
+    writeLogTime(std::cerr) << " Error: Attempt to open binary output FIFO failed: " << path << std::endl;
+  }
+}
+
+void BinaryOutputFifo::send(const BinaryMessage& message) {
+  std::lock_guard<std::mutex> lock(sendMutex());
+  open();
+  if (!stream.good()) {
+    writeLogTime(std::cerr) << " Error: Output fifo is not good - dropping message: " << message.id << std::endl;
+    writeLogTime(std::cout) << " Info: Message details: " << " Version: " << message.version
+                            << " Sender: " << message.sender << " Recipient: " << message.recipient
+                            << " Id: " << message.id << " CorrelationId: " << message.correlationId
+                            << " Timestamp: " << message.timestamp << " Selector: " << message.getSelector()
+                            << " ResponseSelector: " << message.responseSelector << " Flags: 0x" << std::hex
+                            << message.flags << std::dec << std::endl;
+    return;
+  }
+
+  // One frame buffer for the process, reused under the send lock.
+  static MemoryOutputBuffer* frameBuffer = new MemoryOutputBuffer;
+  frameBuffer->reset();
+  std::ostream frame(frameBuffer);
+  bostream out(frame);
+  out << uint32_t{0};  // L, patched below
+  std::streamoff start = frame.tellp();
+  message.toStream(out);
+  uint32_t length = static_cast<uint32_t>(static_cast<std::streamoff>(frame.tellp()) - start);
+  frame.seekp(0);
+  out << length;
+  frame.seekp(kHeaderSize);
+  out << static_cast<uint32_t>(length - kHeaderSize);
+
+  stream.write(frameBuffer->data(), static_cast<std::streamsize>(frameBuffer->size()));
+  stream.flush();
+}
