@@ -1,0 +1,88 @@
+#include "service/lifecycle.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <sstream>
+
+#include "messaging/system_log.h"
+#include "service/service_api.h"
+#include "service/stop_signals.h"
+#include "store/analytics_filter_store.h"
+#include "store/calibration_store.h"
+
+bool quiet = false;
+uint32_t startupDelay = 0;
+
+namespace {
+
+void sleepUnlessStopped(unsigned seconds) {
+  int signal = stopsignals::wait(seconds);
+  if (signal != 0) HandleStopSignal(signal);
+}
+
+Sleeper& sleeper() {
+  static Sleeper current = sleepUnlessStopped;
+  return current;
+}
+
+}  // namespace
+
+uint32_t ParseNumberArgument(const char* text) {
+  unsigned int value = 0;
+  std::istringstream in(text);
+  if (std::strncmp(text, "0x", 2) == 0) in >> std::hex;
+  in >> value;
+  return value;
+}
+
+bool ParseOptions(int argc, char* argv[]) {
+  int option;
+  while ((option = getopt(argc, argv, "dqs:")) != -1) {
+    switch (option) {
+      case 'q':
+        quiet = true;
+        break;
+      case 's':
+        startupDelay = ParseNumberArgument(optarg);
+        break;
+      default:  // -d has no action yet; unknown letters and -s without value
+        return false;
+    }
+  }
+  return true;
+}
+
+void InstallSignalHandlers() { stopsignals::block(); }
+
+void HandleStopSignal(int signal) {
+  LogLine(LOG_INFO) << "Dravik API";
+  if (!quiet) LogLine(LOG_ERR) << "Received signal: " << signal << " - stopping";
+  StopApi();
+  exit(1);
+}
+
+void SetSleeper(Sleeper newSleeper) { sleeper() = newSleeper ? std::move(newSleeper) : sleepUnlessStopped; }
+
+void RequestAllCalibrationData() {
+  for (int32_t channel = 0; channel < kChannelCount; ++channel) {
+    SendZekCalibrationRequest(channel);
+    sleeper()(45);
+  }
+}
+
+void RunSchedule() {
+  sleeper()(startupDelay);
+  for (int32_t channel = 0; channel < kChannelCount; ++channel) {
+    RestoreZekCalibrationData(channel);
+    sleeper()(4);
+  }
+  sleeper()(5);
+  for (int32_t channel = 0; channel < kChannelCount; ++channel) RestoreZekAnalyticsFilter(channel);
+  sleeper()(1800);
+  for (;;) {
+    RequestAllCalibrationData();
+    sleeper()(3600);
+  }
+}

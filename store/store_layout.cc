@@ -1,0 +1,71 @@
+#include "store/store_layout.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+
+#include "messaging/system_log.h"
+
+namespace {
+
+std::string storePath(const char* format, const char* directory, int32_t channel) {
+  char path[96];  // the longest store path is 55 characters; an int adds at most 11
+  snprintf(path, sizeof path, format, directory, static_cast<int>(channel));
+  return path;
+}
+
+}  // namespace
+
+bool CheckChannel(const char* operation, int32_t channel) {
+  if (channel >= 0 && channel < kChannelCount) return true;
+  LogLine(LOG_ERR) << " " << operation << "Out of Range Channel ch=" << channel;
+  return false;
+}
+
+std::string CalibrationFilePath(int32_t channel) {
+  return storePath("%szekCalibrationDataCH%d.bin", kCalibrationDirectory, channel);
+}
+
+std::string FilterFilePath(int32_t channel) {
+  return storePath("%smetadataFilterCH%d.xml", kFilterDirectory, channel);
+}
+
+void RemoveStoreFile(const std::string& path) { (void)unlink(path.c_str()); }
+
+CalibrationWrite WriteCalibrationFile(const std::string& path, const byteArray& block) {
+  std::ofstream file(path, std::ios::out | std::ios::binary);
+  if (!file.is_open()) return CalibrationWrite::openFailed;
+  file.write(block.data, static_cast<std::streamsize>(block.length));
+  // Flushed before the state is judged, so that a full file system shows up
+  // here and not silently at close.
+  file.flush();
+  CalibrationWrite result = file.good() ? CalibrationWrite::written : CalibrationWrite::writeFailed;
+  file.close();
+  return result;
+}
+
+bool ReadCalibrationFile(const std::string& path, byteArray& block) {
+  std::ifstream file(path, std::ios::in | std::ios::binary | std::ios::ate);
+  if (!file.is_open()) return false;
+  std::streamoff end = file.tellg();
+  uint32_t size = end > 0 ? static_cast<uint32_t>(end) : 0;
+  file.seekg(0);
+  block.release();
+  if (size > 0) {
+    block.data = new char[size];
+    block.length = size;
+    file.read(block.data, size);
+  }
+  file.close();
+  return true;
+}
+
+bool FilterFileExists(const std::string& path) {
+  std::ifstream file(path, std::ios::in | std::ios::binary | std::ios::ate);
+  return file.is_open();
+}
+
+bool InstallFilterFile(const std::string& source, const std::string& destination) {
+  return rename(source.c_str(), destination.c_str()) == 0;
+}
