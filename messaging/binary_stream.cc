@@ -118,7 +118,9 @@ bostream& bostream::operator<<(const std::string& value) {
 
 bostream& bostream::operator<<(const byteArray& value) {
   *this << value.length;
-  if (value.length != 0) write(value.data, static_cast<int>(value.length));
+  // A block refused by the decoder keeps its length without data: only the
+  // length can be written back, never bytes from a null pointer.
+  if (value.length != 0 && value.data != nullptr) write(value.data, static_cast<int>(value.length));
   return *this;
 }
 
