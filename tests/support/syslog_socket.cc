@@ -1,0 +1,178 @@
+#include "tests/support/syslog_socket.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+bool parseSyslogDatagram(const std::string& datagram, SyslogRecord* record) {
+  // "<PRI>" then the 16 characters "Mmm dd hh:mm:ss " that glibc writes
+  // with "%h %e %T ".
+  if (datagram.size() < 3 || datagram[0] != '<') return false;
+  std::size_t close = datagram.find('>');
+  if (close == std::string::npos || close == 1) return false;
+  int pri = 0;
+  for (std::size_t i = 1; i < close; ++i) {
+    if (datagram[i] < '0' || datagram[i] > '9') return false;
+    pri = pri * 10 + (datagram[i] - '0');
+  }
+  std::size_t identStart = close + 1 + 16;
+  if (datagram.size() < identStart || datagram[identStart - 1] != ' ' || datagram[close + 4] != ' ') return false;
+  std::size_t colon = datagram.find(": ", identStart);
+  if (colon == std::string::npos) return false;
+  record->priority = pri & 7;
+  record->ident = datagram.substr(identStart, colon - identStart);
+  record->message = datagram.substr(colon + 2);
+  return true;
+}
+
+SyslogSocket::~SyslogSocket() { close(); }
+
+bool SyslogSocket::open(const std::string& path, std::string* whyNot) {
+  auto fail = [&](const std::string& what) {
+    if (whyNot != nullptr) *whyNot = what + ": " + std::strerror(errno);
+    close();
+    return false;
+  };
+  close();
+  sockaddr_un address{};
+  if (path.size() >= sizeof address.sun_path) {
+    errno = ENAMETOOLONG;
+    return fail("syslog socket path");
+  }
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+
+  fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) return fail("socket");
+  int on = 1;
+  if (setsockopt(fd_, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0) return fail("SO_PASSCRED");
+  int size = 1 << 20;
+  (void)setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+  unlink(path.c_str());
+  if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return fail("bind " + path);
+  path_ = path;
+  // Anyone may log, whatever user the process under test runs as.
+  chmod(path.c_str(), 0666);
+
+  int stop[2];
+  if (pipe2(stop, O_CLOEXEC) != 0) return fail("pipe");
+  stopRead_ = stop[0];
+  stopWrite_ = stop[1];
+  thread_ = std::thread(&SyslogSocket::drain, this);
+  return true;
+}
+
+void SyslogSocket::close() {
+  if (thread_.joinable()) {
+    char byte = 1;
+    (void)!write(stopWrite_, &byte, 1);
+    thread_.join();
+  }
+  for (int* fd : {&fd_, &stopRead_, &stopWrite_}) {
+    if (*fd >= 0) ::close(*fd);
+    *fd = -1;
+  }
+  if (!path_.empty()) unlink(path_.c_str());
+  path_.clear();
+}
+
+void SyslogSocket::drain() {
+  std::vector<char> buffer(65536);
+  for (;;) {
+    pollfd fds[2] = {{fd_, POLLIN, 0}, {stopRead_, POLLIN, 0}};
+    if (poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    if (fds[0].revents & POLLIN) {
+      // Everything queued goes first, so that no line sent before a stop is lost.
+      for (;;) {
+        iovec io = {buffer.data(), buffer.size()};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+        msghdr message{};
+        message.msg_iov = &io;
+        message.msg_iovlen = 1;
+        message.msg_control = control;
+        message.msg_controllen = sizeof control;
+        ssize_t n = recvmsg(fd_, &message, MSG_DONTWAIT);
+        if (n < 0) break;
+        SyslogRecord record;
+        record.received = std::chrono::steady_clock::now();
+        for (cmsghdr* c = CMSG_FIRSTHDR(&message); c != nullptr; c = CMSG_NXTHDR(&message, c)) {
+          if (c->cmsg_level == SOL_SOCKET && c->cmsg_type == SCM_CREDENTIALS) {
+            ucred credentials;
+            std::memcpy(&credentials, CMSG_DATA(c), sizeof credentials);
+            record.pid = credentials.pid;
+          }
+        }
+        std::string datagram(buffer.data(), static_cast<std::size_t>(n));
+        if (!parseSyslogDatagram(datagram, &record)) {
+          record.priority = -1;
+          record.message = datagram;
+        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        records_.push_back(std::move(record));
+        changed_.notify_all();
+      }
+    }
+    if (fds[1].revents != 0) return;
+  }
+}
+
+std::vector<SyslogLine> SyslogSocket::lines(pid_t pid) const {
+  std::vector<SyslogLine> result;
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const SyslogRecord& record : records_) {
+    if (record.pid == pid) result.emplace_back(record.priority, record.message);
+  }
+  return result;
+}
+
+std::vector<SyslogRecord> SyslogSocket::records() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return records_;
+}
+
+void SyslogSocket::clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  records_.clear();
+}
+
+bool SyslogSocket::waitFor(pid_t pid, const std::function<bool(const std::vector<SyslogLine>&)>& done,
+                           std::chrono::milliseconds timeout) const {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    std::vector<SyslogLine> mine;
+    for (const SyslogRecord& record : records_) {
+      if (record.pid == pid) mine.emplace_back(record.priority, record.message);
+    }
+    if (done(mine)) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    changed_.wait_until(lock, deadline);
+  }
+}
+
+bool SyslogSocket::flush(std::chrono::milliseconds timeout) {
+  if (path_.empty()) return false;
+  std::string marker = "<15>Jan  1 00:00:00 syslog-socket: flush " + std::to_string(++markers_);
+  int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return false;
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
+  bool sent = sendto(fd, marker.data(), marker.size(), 0, reinterpret_cast<sockaddr*>(&address), sizeof address) ==
+              static_cast<ssize_t>(marker.size());
+  ::close(fd);
+  if (!sent) return false;
+  std::string text = marker.substr(marker.find(": ") + 2);
+  return waitFor(
+      getpid(), [&](const std::vector<SyslogLine>& mine) { return !mine.empty() && mine.back().second == text; },
+      timeout);
+}
