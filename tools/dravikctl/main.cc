@@ -1,0 +1,29 @@
+// dravikctl: send messages to the dravik service, watch what it sends, and
+// play its peers.
+#include <csignal>
+#include <cstdio>
+
+#include "dravikctl_version.h"
+#include "tools/dravikctl/commands.h"
+#include "tools/dravikctl/options.h"
+#include "tools/dravikctl/tool_messages.h"
+
+int main(int argc, char* argv[]) {
+  // A reader that goes away shows up as EPIPE on the write, which is
+  // reported, instead of killing the tool.
+  std::signal(SIGPIPE, SIG_IGN);
+
+  dravikctl::Options options;
+  std::string error;
+  if (!dravikctl::parseCommandLine(argc, argv, &options, &error)) return dravikctl::usageError(error);
+  if (options.help) {
+    fputs(dravikctl::usageText(), stdout);
+    return dravikctl::kExitOk;
+  }
+  if (options.version) {
+    printf("dravikctl %s\n", DRAVIKCTL_VERSION);
+    return dravikctl::kExitOk;
+  }
+  dravikctl::seedMessageIds();
+  return dravikctl::runCommand(options);
+}

@@ -1,0 +1,55 @@
+// dravikctl's command line: one command, its arguments, and options that may
+// stand before or after them ("--name value" or "--name=value").
+#ifndef DRAVIK_TOOLS_DRAVIKCTL_OPTIONS_H_
+#define DRAVIK_TOOLS_DRAVIKCTL_OPTIONS_H_
+
+#include <cstdint>
+#include <string>
+
+namespace dravikctl {
+
+constexpr const char* kDefaultMailbox = "/tmp/dravik.mailbox";
+constexpr const char* kDefaultNotifications = "/tmp/comm.mailbox";
+// The endpoint number that the tool signs with when it plays no endpoint of
+// the camera.
+constexpr int32_t kToolEndpoint = 100;
+// The largest calibration block that fits a frame: 65536 payload bytes less
+// the 44-byte header and the block's 4-byte length.
+constexpr uint32_t kLargestCalibrationBlock = 65488;
+
+struct Options {
+  bool help = false;
+  bool version = false;
+
+  std::string command;  // as typed: "reset-all", "get-filter", ...
+  // Arguments of the command, checked and converted.
+  int32_t channel = 0;
+  int32_t status = 0;
+  int32_t requestId = 0;
+  std::string file;
+
+  std::string mailbox = kDefaultMailbox;
+  std::string notifications = kDefaultNotifications;
+  int32_t sender = kToolEndpoint;  // the command's own default unless given
+  int32_t responseSelector = 0;    // likewise
+  double timeout = 5;              // seconds
+
+  bool hex = false;
+  bool json = false;
+  long count = 0;       // 0: no bound
+  double duration = 0;  // seconds; 0: no bound
+  int32_t filterStatus = 0;
+  uint32_t blockSize = 64;
+  std::string socketPath = "/dev/log";
+};
+
+// Reads the command line into `options`. False with a one-line reason in
+// `error` on bad arguments. --help and --version win over everything else.
+bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* error);
+
+// The text of --help.
+const char* usageText();
+
+}  // namespace dravikctl
+
+#endif  // DRAVIK_TOOLS_DRAVIKCTL_OPTIONS_H_

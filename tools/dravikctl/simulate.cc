@@ -1,0 +1,140 @@
+// simulate: the service's two peers in one process. The analytics engine
+// (endpoint 11) answers every calibration request with a block; endpoint 2
+// answers every new filter with the status chosen on the command line. Like
+// a real peer it keeps the mailbox open for writing, and it survives restarts
+// of the service: when the service goes it waits for the next one.
+#include <cstdio>
+
+#include "store/service_messages.h"
+#include "tools/dravikctl/commands.h"
+#include "tools/dravikctl/endpoints.h"
+#include "tools/dravikctl/stop_signals.h"
+#include "tools/dravikctl/tool_messages.h"
+
+namespace dravikctl {
+namespace {
+
+// How often a simulator without a daemon tries the mailbox again.
+constexpr double kAttachInterval = 0.25;
+
+// The engine's calibration block for a channel: recognisable bytes, the
+// same in every run (channel 2 gives 20 21 22 ...).
+std::string calibrationBlock(int64_t channel, uint32_t size) {
+  std::string block(size, '\0');
+  for (uint32_t i = 0; i < size; ++i) block[i] = static_cast<char>((channel * 16 + i) & 0xFF);
+  return block;
+}
+
+class Simulator {
+ public:
+  explicit Simulator(const Options& options) : o_(options) {}
+
+  int run() {
+    std::string error;
+    if (!reader_.open(o_.notifications, &error)) return fail(error);
+    attach();
+    Deadline end = o_.duration > 0 ? Deadline::after(o_.duration) : Deadline::never();
+    long received = 0;
+    std::string frame;
+    for (;;) {
+      // Without a daemon to write to, wake up now and then to look for one.
+      Deadline wait = writer_.isOpen() ? end : Deadline::after(kAttachInterval);
+      FrameReader::Event event = reader_.next(&frame, wait, stop_.fd(), &error);
+      switch (event) {
+        case FrameReader::Event::frame:
+          ++received;
+          if (!handle(frame)) return finish(received, kExitFailure);
+          if (o_.count > 0 && received >= o_.count) return finish(received, kExitOk);
+          break;
+        case FrameReader::Event::writersGone:
+          fprintf(stderr, "dravikctl: simulate: the service closed %s; waiting for it to come back\n",
+                  o_.notifications.c_str());
+          writer_.close();
+          break;
+        case FrameReader::Event::timeout:
+          if (end.passed()) return finish(received, kExitOk);
+          attach();
+          break;
+        case FrameReader::Event::woken:
+          stop_.take();
+          return finish(received, kExitOk);
+        case FrameReader::Event::failed:
+          fail(error);
+          return finish(received, kExitFailure);
+      }
+    }
+  }
+
+ private:
+  // Holds the mailbox open for writing once a daemon reads it. Each new
+  // reason for failing is said once.
+  void attach() {
+    if (writer_.isOpen()) return;
+    std::string error;
+    if (writer_.open(o_.mailbox, &error)) {
+      fprintf(stderr, "dravikctl: simulate: writing to %s\n", o_.mailbox.c_str());
+      lastAttachError_.clear();
+      return;
+    }
+    if (error != lastAttachError_) {
+      fprintf(stderr, "dravikctl: simulate: %s; trying again\n", error.c_str());
+      lastAttachError_ = error;
+    }
+  }
+
+  // Prints a received frame and answers it. False when standard output is gone.
+  bool handle(const std::string& frame) {
+    DecodedFrame in = decodeFrame(frame, Direction::fromService);
+    if (!printLine(frameLine(in, o_, "recv"))) return false;
+    if (!in.decoded()) return true;
+    if (in.className == "GetCalibrationDataChangeNotification") {
+      const Argument* channel = in.argument("channel");
+      CalibrationBlockCommand answer(calibrationBlock(channel ? channel->number : 0, o_.blockSize));
+      answer.sender = kEngineEndpoint;
+      answer.recipient = kServiceEndpoint;
+      answer.correlationId = in.header.id;
+      return send(answer);
+    }
+    if (in.className == "SetAnalyticsFilterDataNotification") {
+      const Argument* channel = in.argument("channel");
+      FilterStatusCommand answer(channel ? static_cast<int32_t>(channel->number) : 0, o_.filterStatus);
+      answer.sender = kFilterEndpoint;
+      answer.recipient = kServiceEndpoint;
+      return send(answer);
+    }
+    return true;
+  }
+
+  bool send(const BinaryMessage& message) {
+    attach();
+    std::string frame = encodeFrame(message);
+    std::string error;
+    if (!writer_.write(frame, Deadline::after(o_.timeout), &error)) {
+      fprintf(stderr, "dravikctl: simulate: answer %d not sent: %s\n", message.id, error.c_str());
+      return true;
+    }
+    ++answers_;
+    return printLine(frameLine(decodeFrame(frame, Direction::toService), o_, "send"));
+  }
+
+  int finish(long received, int status) {
+    fprintf(stderr, "dravikctl: simulate: %ld frames received, %ld answers sent\n", received, answers_);
+    return status;
+  }
+
+  const Options& o_;
+  StopSignals stop_;
+  FrameReader reader_;
+  MailboxWriter writer_;
+  std::string lastAttachError_;
+  long answers_ = 0;
+};
+
+}  // namespace
+
+int runSimulate(const Options& options) {
+  Simulator simulator(options);
+  return simulator.run();
+}
+
+}  // namespace dravikctl
