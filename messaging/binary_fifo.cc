@@ -4,6 +4,7 @@
 #include <iostream>
 #include <memory>
 
+#include "messaging/console_line.h"
 #include "messaging/memory_stream.h"
 #include "messaging/system_log.h"
 
@@ -22,8 +23,8 @@ void dumpBytes(std::ostream& out, const char* bytes, std::size_t count) {
 }
 
 void reportTruncated(uint32_t length, int32_t selector) {
-  writeLogTime(std::cerr) << " Error: Truncated message received (" << length << " bytes, selector " << selector
-                          << ")" << std::endl;
+  ConsoleLine(std::cerr) << " Error: Truncated message received (" << length << " bytes, selector " << selector
+                          << ")";
   systemlog::format(LOG_ERR, "%s::Received truncated message (%u bytes, selector=%d)", "getMessage", length,
                     selector);
 }
@@ -32,7 +33,7 @@ void reportTruncated(uint32_t length, int32_t selector) {
 
 void BinaryInputFifo::open() {
   if (stream.is_open()) return;
-  writeLogTime(std::cout) << " Info: Opening binary input FIFO: " << path << std::endl;
+  ConsoleLine(std::cout) << " Info: Opening binary input FIFO: " << path;
   stream.exceptions(std::ios::badbit | std::ios::failbit);
   if (stream.open(path)) {
     stream.clear();
@@ -44,8 +45,7 @@ void BinaryInputFifo::open() {
 BinaryMessage* BinaryInputFifo::getMessage() {
   if (!stream.good()) {
     if (wasGood_) {
-      writeLogTime(std::cerr) << " Warn: Fifo is unhappy - good=" << stream.good() << " eof=" << stream.eof()
-                              << std::endl;
+      ConsoleLine(std::cerr) << " Warn: Fifo is unhappy - good=" << stream.good() << " eof=" << stream.eof();
     }
     wasGood_ = false;
     return notGoodResult<BinaryMessage>();
@@ -60,8 +60,7 @@ BinaryMessage* BinaryInputFifo::getMessage() {
     if (length == 0 || length > kMaxPayloadLength) {
       // The bytes an oversized length announced stay in the pipe: there is no
       // marker to resynchronise on, so the next length is read from them.
-      writeLogTime(std::cerr) << " Warn: Message with invalid length received (" << length << " bytes)"
-                              << std::endl;
+      ConsoleLine(std::cerr) << " Warn: Message with invalid length received (" << length << " bytes)";
       systemlog::format(LOG_ERR, "%s::Received %d sized message (empty message or message exceeding maxlen)",
                         "getMessage", static_cast<int>(length));
       return nullptr;
@@ -74,7 +73,7 @@ BinaryMessage* BinaryInputFifo::getMessage() {
     int32_t version = -1;
     in >> version;
     if (version != 1) {
-      writeLogTime(std::cerr) << " Error: Unsupported message version: " << version << std::endl;
+      ConsoleLine(std::cerr) << " Error: Unsupported message version: " << version;
       dumpBytes(std::cout, frame.data, length);
       std::cout.flush();
       return nullptr;
@@ -104,23 +103,22 @@ BinaryMessage* BinaryInputFifo::getMessage() {
       return message.release();
     }
 
-    writeLogTime(std::cerr) << " Error: Unrecognized selector: " << selector << std::endl;
+    ConsoleLine(std::cerr) << " Error: Unrecognized selector: " << selector;
     systemlog::format(LOG_ERR, "%s::Received Unrecognized selector=%d", "getMessage", selector);
-    writeLogTime(std::cout) << " Info: Received message:" << " Size: " << length << " Version: " << version
-                            << " Sender: " << sender << " Recipient: " << recipient << " Id: " << id
-                            << " CorrelationId: " << correlationId << " Timestamp: " << timestamp
-                            << " Selector: " << selector << " ResponseSelector: " << responseSelector
-                            << " Flags: 0x" << std::hex << flags << std::dec << " Args[" << args.length << "]: ";
+    ConsoleLine info(std::cout);
+    info << " Info: Received message:" << " Size: " << length << " Version: " << version << " Sender: " << sender
+         << " Recipient: " << recipient << " Id: " << id << " CorrelationId: " << correlationId
+         << " Timestamp: " << timestamp << " Selector: " << selector << " ResponseSelector: " << responseSelector
+         << " Flags: 0x" << std::hex << flags << std::dec << " Args[" << args.length << "]: ";
     if (args.data != nullptr) {
       // Only the bytes that are really in the payload: argsLength may
       // announce more than the frame holds.
       std::size_t present = length - kHeaderSize;
-      dumpBytes(std::cout, args.data, args.length < present ? args.length : present);
+      dumpBytes(info.stream(), args.data, args.length < present ? args.length : present);
     }
-    std::cout << std::endl;
     return nullptr;
   } catch (const std::ios_base::failure& e) {
-    writeLogTime(std::cerr) << " Error: Exception ocurred reading message: " << e.what() << std::endl;
+    ConsoleLine(std::cerr) << " Error: Exception ocurred reading message: " << e.what();
     wasGood_ = false;
     return nullptr;
   }
@@ -140,7 +138,7 @@ void BinaryOutputFifo::open() {
   }
   if (stream.fail()) {
     stream.clear();
-    writeLogTime(std::cerr) << " Error: Attempt to open binary output FIFO failed: " << path << std::endl;
+    ConsoleLine(std::cerr) << " Error: Attempt to open binary output FIFO failed: " << path;
   }
 }
 
@@ -148,13 +146,13 @@ void BinaryOutputFifo::send(const BinaryMessage& message) {
   std::lock_guard<std::mutex> lock(sendMutex());
   open();
   if (!stream.good()) {
-    writeLogTime(std::cerr) << " Error: Output fifo is not good - dropping message: " << message.id << std::endl;
-    writeLogTime(std::cout) << " Info: Message details: " << " Version: " << message.version
+    ConsoleLine(std::cerr) << " Error: Output fifo is not good - dropping message: " << message.id;
+    ConsoleLine(std::cout) << " Info: Message details: " << " Version: " << message.version
                             << " Sender: " << message.sender << " Recipient: " << message.recipient
                             << " Id: " << message.id << " CorrelationId: " << message.correlationId
                             << " Timestamp: " << message.timestamp << " Selector: " << message.getSelector()
                             << " ResponseSelector: " << message.responseSelector << " Flags: 0x" << std::hex
-                            << message.flags << std::dec << std::endl;
+                            << message.flags << std::dec;
     return;
   }
 

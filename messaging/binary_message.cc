@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "messaging/binary_fifo.h"
+#include "messaging/console_line.h"
 
 int32_t BinaryMessage::defaultSender = -1;
 std::atomic<int32_t> BinaryMessage::lastId{0};
@@ -22,7 +23,7 @@ BinaryMessage::BinaryMessage()
       argsLength(0) {}
 
 void BinaryMessage::Process() {
-  writeLogTime(std::cerr) << " Error: BinaryMessage::Process() was not implemented by a message class" << std::endl;
+  ConsoleLine(std::cerr) << " Error: BinaryMessage::Process() was not implemented by a message class";
 }
 
 void BinaryMessage::fromStream(bistream& in) {
@@ -42,7 +43,7 @@ void BinaryRequest::Process() {
 
 void BinaryNotification::Process() {
   if (notificationOutput == nullptr) {
-    writeLogTime(std::cerr) << " Error: No notification output - dropping message: " << id << std::endl;
+    ConsoleLine(std::cerr) << " Error: No notification output - dropping message: " << id;
     return;
   }
   notificationOutput->send(*this);

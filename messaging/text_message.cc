@@ -4,6 +4,8 @@
 #include <memory>
 #include <sstream>
 
+#include "messaging/console_line.h"
+
 namespace {
 
 // A message older than this on arrival is reported (and still delivered).
@@ -14,7 +16,7 @@ constexpr int64_t kMaxSilentDelayMs = 100;
 void sendLine(OutputFifo* fifo, const std::string& line) {
   if (fifo != nullptr) fifo->open();
   if (fifo == nullptr || !fifo->stream.good()) {
-    writeLogTime(std::cerr) << " Dropping: " << line << std::endl;
+    ConsoleLine(std::cerr) << " Dropping: " << line;
     return;
   }
   fifo->stream << line << std::endl;
@@ -125,7 +127,7 @@ Message* parseTextLine(const std::string& line) {
 
   std::unique_ptr<Message> message(createTextMessage(name, header));
   if (!message) {
-    writeLogTime(std::cerr) << " Unrecognized selector in line: " << line << std::endl;
+    ConsoleLine(std::cerr) << " Unrecognized selector in line: " << line;
     return nullptr;
   }
   in >> std::ws;
@@ -138,7 +140,7 @@ Message* parseTextLine(const std::string& line) {
     int64_t delay = (static_cast<int64_t>(current.seconds) - message->timestamp.seconds) * 1000 +
                     (static_cast<int64_t>(current.microseconds) - message->timestamp.microseconds) / 1000;
     if (delay > kMaxSilentDelayMs) {
-      writeLogTime(std::cerr) << " Message delayed " << delay << " ms: " << line << std::endl;
+      ConsoleLine(std::cerr) << " Message delayed " << delay << " ms: " << line;
     }
   }
   return message.release();
