@@ -22,6 +22,18 @@ void dumpBytes(std::ostream& out, const char* bytes, std::size_t count) {
   out.fill(fill);
 }
 
+// Puts every encoded value straight into the frame buffer: still one call
+// per value, without the sentry of std::ostream::write around each. The
+// buffer never refuses bytes, so the stream's state cannot differ.
+class FrameEncoder : public bostream {
+ public:
+  FrameEncoder(std::ostream& frame, MemoryOutputBuffer& buffer) : bostream(frame), buffer_(buffer) {}
+  void write(const char* bytes, int count) override { buffer_.sputn(bytes, count); }
+
+ private:
+  MemoryOutputBuffer& buffer_;
+};
+
 void reportTruncated(uint32_t length, int32_t selector) {
   ConsoleLine(std::cerr) << " Error: Truncated message received (" << length << " bytes, selector " << selector
                           << ")";
@@ -66,34 +78,47 @@ BinaryMessage* BinaryInputFifo::getMessage() {
       return nullptr;
     }
 
-    MemoryInputBuffer payloadBuffer(frame.data, length);
-    std::istream payload(&payloadBuffer);
-    bistream in(payload);
-
-    int32_t version = -1;
-    in >> version;
+    // The reader's own checks take the header fields straight from the frame
+    // bytes (a field the payload does not reach reads as -1); the message
+    // decodes itself from the in-memory stream.
+    auto field = [&](std::size_t offset) -> int32_t {
+      if (length < offset + 4) return -1;
+      const auto* b = reinterpret_cast<const unsigned char*>(frame.data + offset);
+      return static_cast<int32_t>((uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3]);
+    };
+    int32_t version = field(0);
     if (version != 1) {
       ConsoleLine(std::cerr) << " Error: Unsupported message version: " << version;
       dumpBytes(std::cout, frame.data, length);
       std::cout.flush();
       return nullptr;
     }
-
-    int32_t sender = -1, recipient = -1, id = -1, correlationId = -1;
-    int64_t timestamp = -1;
-    int32_t selector = -1, responseSelector = -1, flags = -1;
-    in >> sender >> recipient >> id >> correlationId >> timestamp >> selector >> responseSelector >> flags;
-    if (!payload) {
+    int32_t selector = field(28);
+    if (length < kArgsLengthOffset) {
       reportTruncated(length, selector);
       return nullptr;
     }
+    // One payload stream per reading thread, pointed at each frame in turn:
+    // building a std::istream costs more than decoding a request.
+    static thread_local MemoryInputBuffer payloadBuffer(nullptr, 0);
+    static thread_local std::istream payload(&payloadBuffer);
+    payloadBuffer.reset(frame.data, length);
+    payload.clear();
+    bistream in(payload);
+    // The argument block is copied only for the report of an unregistered
+    // selector; a refused argsLength is reported by its decoder all the same,
+    // before the message is built.
     byteArray args;
-    in >> args;
+    uint32_t argsLength = static_cast<uint32_t>(length >= kHeaderSize ? field(kArgsLengthOffset) : 0);
+    if (argsLength > kMaxByteArrayLength) {
+      payload.seekg(kArgsLengthOffset);
+      in >> args;
+      payload.clear();
+      payload.seekg(0);
+    }
 
     // The message decodes the payload from its first byte; whether it ran
     // past the end is judged by its own decoding, not by argsLength.
-    payload.clear();
-    payload.seekg(0);
     std::unique_ptr<BinaryMessage> message(createMessage(selector, in));
     if (message) {
       if (!payload) {
@@ -102,6 +127,18 @@ BinaryMessage* BinaryInputFifo::getMessage() {
       }
       return message.release();
     }
+    if (argsLength <= kMaxByteArrayLength) {
+      payload.clear();
+      payload.seekg(kArgsLengthOffset);
+      in >> args;
+    }
+    int32_t sender = field(4), recipient = field(8), id = field(12), correlationId = field(16);
+    int64_t timestamp = -1;
+    if (length >= 28) {
+      timestamp = static_cast<int64_t>((uint64_t{static_cast<uint32_t>(field(20))} << 32) |
+                                       static_cast<uint32_t>(field(24)));
+    }
+    int32_t responseSelector = field(32), flags = field(36);
 
     ConsoleLine(std::cerr) << " Error: Unrecognized selector: " << selector;
     systemlog::format(LOG_ERR, "%s::Received Unrecognized selector=%d", "getMessage", selector);
@@ -158,9 +195,11 @@ void BinaryOutputFifo::send(const BinaryMessage& message) {
 
   // One frame buffer for the process, reused under the send lock.
   static MemoryOutputBuffer* frameBuffer = new MemoryOutputBuffer;
+  static std::ostream* frameStream = new std::ostream(frameBuffer);
   frameBuffer->reset();
-  std::ostream frame(frameBuffer);
-  bostream out(frame);
+  std::ostream& frame = *frameStream;
+  frame.clear();
+  FrameEncoder out(frame, *frameBuffer);
   out << uint32_t{0};  // L, patched below
   std::streamoff start = frame.tellp();
   message.toStream(out);

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
-MemoryInputBuffer::MemoryInputBuffer(const char* data, std::size_t size) {
+MemoryInputBuffer::MemoryInputBuffer(const char* data, std::size_t size) { reset(data, size); }
+
+void MemoryInputBuffer::reset(const char* data, std::size_t size) {
   char* begin = const_cast<char*>(data);  // never written through
   setg(begin, begin, begin + size);
 }

@@ -12,6 +12,8 @@
 class MemoryInputBuffer : public std::streambuf {
  public:
   MemoryInputBuffer(const char* data, std::size_t size);
+  // Reads `size` bytes at `data` from now on, from the first.
+  void reset(const char* data, std::size_t size);
 
  protected:
   pos_type seekoff(off_type offset, std::ios_base::seekdir dir, std::ios_base::openmode which) override;

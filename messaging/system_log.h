@@ -7,8 +7,10 @@
 
 #include <syslog.h>
 
+#include <charconv>
 #include <sstream>
 #include <string>
+#include <type_traits>
 
 namespace systemlog {
 
@@ -29,22 +31,45 @@ Sink redirect(Sink sink);
 
 // Composes one log line and writes it when it goes out of scope:
 //   LogLine(LOG_INFO) << "API: starting dispatcher with sleep=" << delay;
+// Text and integers are appended as a default std::ostream writes them
+// (integers in decimal); other types go through a string stream.
 class LogLine {
  public:
-  explicit LogLine(int priority) : priority_(priority) {}
-  ~LogLine() { systemlog::write(priority_, text_.str()); }
+  explicit LogLine(int priority) : priority_(priority) { text_.reserve(120); }
+  ~LogLine() { systemlog::write(priority_, text_); }
   LogLine(const LogLine&) = delete;
   LogLine& operator=(const LogLine&) = delete;
 
+  LogLine& operator<<(const char* text) {
+    text_ += text;
+    return *this;
+  }
+  LogLine& operator<<(const std::string& text) {
+    text_ += text;
+    return *this;
+  }
+  LogLine& operator<<(char c) {
+    text_ += c;
+    return *this;
+  }
   template <class T>
   LogLine& operator<<(const T& value) {
-    text_ << value;
+    if constexpr (std::is_integral_v<T> && !std::is_same_v<T, bool> && !std::is_same_v<T, char> &&
+                  !std::is_same_v<T, signed char> && !std::is_same_v<T, unsigned char>) {
+      char digits[24];
+      std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, value);
+      text_.append(digits, end.ptr);
+    } else {
+      std::ostringstream text;
+      text << value;
+      text_ += text.str();
+    }
     return *this;
   }
 
  private:
   int priority_;
-  std::ostringstream text_;
+  std::string text_;
 };
 
 #endif  // DRAVIK_MESSAGING_SYSTEM_LOG_H_

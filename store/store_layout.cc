@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdio>
 #include <fstream>
 
@@ -9,9 +10,14 @@
 
 namespace {
 
-std::string storePath(const char* format, const char* directory, int32_t channel) {
-  char path[96];  // the longest store path is 55 characters; an int adds at most 11
-  snprintf(path, sizeof path, format, directory, static_cast<int>(channel));
+// directory + name + channel in decimal + extension, as the formats
+// "%szekCalibrationDataCH%d.bin" and "%smetadataFilterCH%d.xml" give it.
+std::string storePath(const char* directory, const char* name, int32_t channel, const char* extension) {
+  char digits[12];
+  std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, channel);
+  std::string path;
+  path.reserve(64);
+  path.append(directory).append(name).append(digits, end.ptr).append(extension);
   return path;
 }
 
@@ -24,11 +30,11 @@ bool CheckChannel(const char* operation, int32_t channel) {
 }
 
 std::string CalibrationFilePath(int32_t channel) {
-  return storePath("%szekCalibrationDataCH%d.bin", kCalibrationDirectory, channel);
+  return storePath(kCalibrationDirectory, "zekCalibrationDataCH", channel, ".bin");
 }
 
 std::string FilterFilePath(int32_t channel) {
-  return storePath("%smetadataFilterCH%d.xml", kFilterDirectory, channel);
+  return storePath(kFilterDirectory, "metadataFilterCH", channel, ".xml");
 }
 
 void RemoveStoreFile(const std::string& path) { (void)unlink(path.c_str()); }
