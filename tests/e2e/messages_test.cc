@@ -208,6 +208,7 @@ TEST_F(FilterTest, OverlongFileNameIsForwardedEmpty) {
                                                   info("SetAnalyticsFilter ch=0 name=")}));
   ASSERT_EQ(reply.frames.size(), 1u);
   expectSent(reply.frames[0], kSetFilter, kEndpoint2, kSaveFilter, int32Arg(0) + stringArg(""));
+  ASSERT_TRUE(daemon_.waitForErr("length!\n", kWait)) << daemon_.err();
   EXPECT_EQ(daemon_.err(), "Error: >> string[32768]: invalid length!\n");
 }
 

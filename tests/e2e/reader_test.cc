@@ -34,6 +34,7 @@ TEST_F(ReaderTest, ZeroLengthIsRefusedAndTheNextFrameServed) {
             (std::vector<SyslogLine>{
                 err("getMessage::Received 0 sized message (empty message or message exceeding maxlen)"), kServedLine}));
   expectServed(reply);
+  ASSERT_TRUE(daemon_.waitForErr("bytes)\n", kWait)) << daemon_.err();
   EXPECT_EQ(maskLogTime(daemon_.err()), "<time> Warn: Message with invalid length received (0 bytes)\n");
 }
 
@@ -43,6 +44,7 @@ TEST_F(ReaderTest, OversizedLengthIsRefusedAndTheBytesAfterItReadAsTheNextFrame)
                                                       "message exceeding maxlen)"),
                                                   kServedLine}));
   expectServed(reply);
+  ASSERT_TRUE(daemon_.waitForErr("bytes)\n", kWait)) << daemon_.err();
   EXPECT_EQ(maskLogTime(daemon_.err()),
             "Error: >> byteArray[65537]: invalid length!\n"
             "<time> Warn: Message with invalid length received (65537 bytes)\n");
@@ -68,6 +70,7 @@ TEST_F(ReaderTest, VersionTwoIsRefusedWithAPayloadDump) {
   Reply reply = exchange(refused + validCommand());
   EXPECT_EQ(reply.lines, std::vector<SyslogLine>{kServedLine});
   expectServed(reply);
+  ASSERT_TRUE(daemon_.waitForErr("version: 2\n", kWait)) << daemon_.err();
   EXPECT_EQ(maskLogTime(daemon_.err()), "<time> Error: Unsupported message version: 2\n");
   std::string dump;
   for (std::size_t i = 4; i < refused.size(); ++i) {
@@ -90,6 +93,7 @@ TEST_F(ReaderTest, UnknownSelectorIsRefusedAndReported) {
   EXPECT_EQ(reply.lines,
             (std::vector<SyslogLine>{err("getMessage::Received Unrecognized selector=4242"), kServedLine}));
   expectServed(reply);
+  ASSERT_TRUE(daemon_.waitForErr("selector: 4242\n", kWait)) << daemon_.err();
   EXPECT_EQ(maskLogTime(daemon_.err()), "<time> Error: Unrecognized selector: 4242\n");
   const std::string details =
       "<time> Info: Received message: Size: 46 Version: 1 Sender: 11 Recipient: 13 Id: 77 CorrelationId: 5 "
