@@ -6,8 +6,9 @@ JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo -G Ninja)
 CMAKE_ARGS ?=
 
-# Debian packages the build and the tests need.
-DEPS := cmake make g++ clang ninja-build libgtest-dev libgmock-dev googletest util-linux
+# Debian packages the build and the tests need; CI adds its own through
+# EXTRA_DEPS (sanitizer runtimes, fuzzing, cross compilers, qemu).
+DEPS := cmake make g++ clang ninja-build libgtest-dev libgmock-dev googletest util-linux faketime $(EXTRA_DEPS)
 
 .PHONY: all deps configure build test run clean
 
@@ -35,5 +36,45 @@ build: configure
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# Runs the daemon for real, in the foreground (root: it owns the store under
+# /etc/sysconfig and the pipes in /tmp). The store directories belong to the
+# installation, so they are made here; the daemon never makes them.
+run: build
+	@test "$$(id -u)" = 0 || { echo "make run needs root (the store is /etc/sysconfig/dravik)"; exit 1; }
+	mkdir -p /etc/sysconfig/dravik/zek/cal /etc/sysconfig/dravik/zek/tbe
+	exec $(BUILD)/service/dravik $(ARGS)
+
 clean:
 	rm -rf $(BUILD)
+
+# The daemon with simulated peers in a private sandbox, as one timestamped
+# transcript (root: it uses a mount namespace). Ends by itself in under a minute.
+.PHONY: demo
+demo: configure
+	cmake --build $(BUILD) -j $(JOBS) --target dravik dravikctl
+	bash tools/demo.sh $(BUILD)
+
+# Benchmarks, in a build directory of their own and never part of `make test`
+# (root: they run the daemon in a mount namespace). `make bench` measures the
+# daemon against the raw-pipe limit and rewrites the table in
+# docs/performance.md; `make bench-smoke` builds the same and runs it all once
+# at a tiny size, for CI, without judging any timing.
+BENCH_BUILD ?= build-bench
+BENCH_DEPS := libbenchmark-dev valgrind
+.PHONY: bench bench-smoke
+bench:
+	@$(MAKE) --no-print-directory deps EXTRA_DEPS="$(EXTRA_DEPS) $(BENCH_DEPS)"
+	cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDRAVIK_BENCH=ON -DDRAVIK_TESTS=OFF $(CMAKE_ARGS)
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target dravik dravik_bench dravik_microbench
+	bash bench/callgrind.sh $(BENCH_BUILD) 5000
+	$(BENCH_BUILD)/bench/dravik_microbench --benchmark_out=$(BENCH_BUILD)/micro.txt --benchmark_out_format=console
+	$(BENCH_BUILD)/bench/dravik_bench --output docs/performance.md --command "make bench" \
+	  --callgrind-results $(BENCH_BUILD)/callgrind/result.txt --micro-results $(BENCH_BUILD)/micro.txt $(BENCH_ARGS)
+
+bench-smoke:
+	@$(MAKE) --no-print-directory deps EXTRA_DEPS="$(EXTRA_DEPS) $(BENCH_DEPS)"
+	cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDRAVIK_BENCH=ON -DDRAVIK_TESTS=OFF $(CMAKE_ARGS)
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target dravik dravik_bench dravik_microbench
+	bash bench/callgrind.sh $(BENCH_BUILD) 50
+	$(BENCH_BUILD)/bench/dravik_microbench --benchmark_min_time=0.01
+	$(BENCH_BUILD)/bench/dravik_bench --smoke --callgrind-results $(BENCH_BUILD)/callgrind/result.txt
