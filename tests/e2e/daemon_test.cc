@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <ftw.h>
-#include <glob.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -14,6 +13,7 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/faketime.h"
 #include "tests/support/hex.h"
 
 namespace {
@@ -277,32 +277,12 @@ std::vector<SyslogLine> DaemonTest::normalStop(int signal) {
           info("API: Thread has exited")};
 }
 
-namespace {
-
-std::string fakeTimeLibrary() {
-  glob_t found{};
-  std::string path;
-  for (const char* pattern : {"/usr/lib/*/faketime/libfaketimeMT.so.1", "/usr/lib/faketime/libfaketimeMT.so.1",
-                              "/usr/local/lib/faketime/libfaketimeMT.so.1"}) {
-    if (glob(pattern, 0, nullptr, &found) == 0 && found.gl_pathc > 0) path = found.gl_pathv[0];
-    globfree(&found);
-    if (!path.empty()) break;
-  }
-  return path;
-}
-
-}  // namespace
-
 void AcceleratedTest::SetUp() {
   DaemonTest::SetUp();
   if (IsSkipped() || HasFatalFailure()) return;
-  if (std::string(DRAVIK_DAEMON_SANITIZERS) != "") {
-    // The sanitizer runtime deadlocks in libfaketime's start-up.
-    GTEST_SKIP() << "dravik is built with -fsanitize=" << DRAVIK_DAEMON_SANITIZERS
-                 << ", which cannot run with libfaketime preloaded";
-  }
-  library_ = fakeTimeLibrary();
-  if (library_.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian packages faketime, libfaketime)";
+  std::string whyNot;
+  library_ = fakeTimeLibrary(DRAVIK_DAEMON_SANITIZERS, &whyNot);
+  if (library_.empty()) GTEST_SKIP() << whyNot;
 }
 
 void AcceleratedTest::startAccelerated() {

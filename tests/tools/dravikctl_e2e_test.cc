@@ -5,7 +5,6 @@
 // end within its guard time is killed and fails the test.
 #include <fcntl.h>
 #include <ftw.h>
-#include <glob.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -27,6 +26,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/daemon_process.h"
+#include "tests/support/faketime.h"
 #include "tests/support/pipe_io.h"
 #include "tests/support/syslog_socket.h"
 #include "tests/support/temp_dir.h"
@@ -77,17 +77,6 @@ std::vector<std::string> splitLines(const std::string& text) {
 int removeEntry(const char* path, const struct stat*, int, struct FTW* where) {
   if (where->level > 0) remove(path);
   return 0;
-}
-
-std::string fakeTimeLibrary() {
-  glob_t found{};
-  std::string path;
-  for (const char* pattern : {"/usr/lib/*/faketime/libfaketimeMT.so.1", "/usr/lib/faketime/libfaketimeMT.so.1"}) {
-    if (glob(pattern, 0, nullptr, &found) == 0 && found.gl_pathc > 0) path = found.gl_pathv[0];
-    globfree(&found);
-    if (!path.empty()) break;
-  }
-  return path;
 }
 
 // What one run of dravikctl did.
@@ -495,8 +484,9 @@ TEST_F(DravikctlTest, SimulateServesTheNextDaemonAfterARestart) {
 }
 
 TEST_F(DravikctlTest, SimulatedEngineAnswersCalibrationRequestsAndTheServiceStoresThem) {
-  std::string library = fakeTimeLibrary();
-  if (library.empty()) GTEST_SKIP() << "libfaketime is not installed (Debian packages faketime, libfaketime)";
+  std::string whyNot;
+  std::string library = fakeTimeLibrary(DRAVIK_DAEMON_SANITIZERS, &whyNot);
+  if (library.empty()) GTEST_SKIP() << whyNot;
   // A thousand times faster: the first requests come 1.8 s after the restore.
   ASSERT_NO_FATAL_FAILURE(startDaemon({"-s", "0"}, {"LD_PRELOAD=" + library, "FAKETIME=+0 x1000"}));
   std::unique_ptr<DaemonProcess> simulate = startDravikctl({"simulate", "--count", "4", "--block-size", "16"});
