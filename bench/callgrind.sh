@@ -18,12 +18,21 @@ REQUESTS=${2:-5000}
 BENCH=$BUILD/bench/dravik_bench
 command -v valgrind >/dev/null || { echo "callgrind.sh: valgrind is not installed (apt-get install valgrind)" >&2; exit 2; }
 [ -x "$BENCH" ] || { echo "callgrind.sh: $BENCH not built (cmake -DDRAVIK_BENCH=ON)" >&2; exit 2; }
-# Outside /tmp: the sandbox puts a private tmpfs there.
 OUT=$(realpath "$BUILD")/callgrind
 mkdir -p "$OUT"
+# valgrind writes its profile from inside the sandbox, whose /tmp is a
+# private tmpfs: a build under /tmp gets its profiles through a directory
+# outside it, copied home at the end.
+case "$OUT/" in
+  /tmp/*)
+    WORK=$(mktemp -d /var/tmp/dravik-callgrind.XXXXXX)
+    trap 'cp -f "$WORK"/* "$OUT"/ 2>/dev/null || true; rm -rf "$WORK"' EXIT
+    ;;
+  *) WORK=$OUT ;;
+esac
 
 run() {  # target requests
-  local name=$OUT/$1.$2
+  local name=$WORK/$1.$2
   if ! "$BENCH" --callgrind-target "$1" --requests "$2" \
       --wrapper "valgrind --tool=callgrind --callgrind-out-file=$name.out" >"$name.log" 2>&1; then
     cat "$name.log" >&2
