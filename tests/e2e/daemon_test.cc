@@ -1,7 +1,6 @@
 #include "tests/e2e/daemon_test.h"
 
 #include <dirent.h>
-#include <ftw.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -25,48 +24,12 @@ constexpr int32_t kFenceChannel = 99;
 constexpr int32_t kFenceAnswer = 31999;
 const SyslogLine kFenceLine{LOG_INFO, "Sending get CH=99 /etc/sysconfig/dravik/zek/tbe/metadataFilterCH99.xml"};
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW* where) {
-  if (where->level > 0) remove(path);
-  return 0;
-}
-
-// Empties `dir` (keeping it) without following symbolic links.
-void emptyDirectory(const char* dir) { nftw(dir, removeEntry, 16, FTW_DEPTH | FTW_PHYS); }
-
 void unmountAll(const char* dir) {
   while (umount2(dir, MNT_DETACH) == 0) {
   }
 }
 
 }  // namespace
-
-std::string calibrationPath(int channel) {
-  return std::string(kCalibrationDir) + "zekCalibrationDataCH" + std::to_string(channel) + ".bin";
-}
-
-std::string filterPath(int channel) {
-  return std::string(kFilterDir) + "metadataFilterCH" + std::to_string(channel) + ".xml";
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << content;
-  file.close();
-  if (!file) ADD_FAILURE() << "cannot write " << path;
-}
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
-
-bool fileExists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
 
 namespace {
 
@@ -108,12 +71,7 @@ void DaemonTest::SetUp() {
   if (!e2eUnavailableReason().empty()) GTEST_SKIP() << e2eUnavailableReason();
   unmountAll("/etc/sysconfig/dravik/zek/cal");
   unmountAll("/etc/sysconfig/dravik/zek/tbe");
-  emptyDirectory("/tmp");
-  emptyDirectory("/etc/sysconfig");
-  for (const char* dir : {"/etc/sysconfig/dravik", "/etc/sysconfig/dravik/zek", "/etc/sysconfig/dravik/zek/cal",
-                          "/etc/sysconfig/dravik/zek/tbe"}) {
-    ASSERT_EQ(mkdir(dir, 0755), 0) << dir;
-  }
+  ASSERT_TRUE(resetStoreAndPipes());
   std::string why;
   ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
 }

@@ -17,21 +17,12 @@
 
 #include "tests/e2e/mailbox_peer.h"
 #include "tests/support/daemon_process.h"
+#include "tests/support/store_files.h"
 #include "tests/support/syslog_socket.h"
 
 // Set by the test binary's main() before it enters the sandbox.
 int dravikBinaryDescriptor();
 const std::string& e2eUnavailableReason();  // empty when the tests can run
-
-constexpr const char* kCalibrationDir = "/etc/sysconfig/dravik/zek/cal/";
-constexpr const char* kFilterDir = "/etc/sysconfig/dravik/zek/tbe/";
-std::string calibrationPath(int channel);
-std::string filterPath(int channel);
-
-// Files of the test, written and read with plain calls.
-void writeFile(const std::string& path, const std::string& content);
-std::optional<std::string> readFile(const std::string& path);
-bool fileExists(const std::string& path);
 
 // Selectors and endpoints, written out here rather than taken from the
 // daemon's headers.
@@ -48,6 +39,9 @@ enum : int32_t {
   kRestoreFilter = 13005,
   kSaveFilter = 13006,
 };
+constexpr const char* kCalibrationDir = "/etc/sysconfig/dravik/zek/cal/";
+constexpr const char* kFilterDir = "/etc/sysconfig/dravik/zek/tbe/";
+
 constexpr int32_t kService = 13;
 constexpr int32_t kEngine = 11;
 constexpr int32_t kEndpoint2 = 2;

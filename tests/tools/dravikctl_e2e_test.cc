@@ -4,7 +4,6 @@
 // request, a refused frame). Every run is bounded: a dravikctl that does not
 // end within its guard time is killed and fails the test.
 #include <fcntl.h>
-#include <ftw.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -28,6 +27,7 @@
 #include "tests/support/daemon_process.h"
 #include "tests/support/faketime.h"
 #include "tests/support/pipe_io.h"
+#include "tests/support/store_files.h"
 #include "tests/support/syslog_socket.h"
 #include "tests/support/temp_dir.h"
 #include "tests/tools/dravikctl_e2e_test.h"
@@ -40,43 +40,11 @@ const char* const kMailbox = "/tmp/dravik.mailbox";
 const char* const kComm = "/tmp/comm.mailbox";
 const char* const kHint = "Try 'dravikctl --help' for more information.\n";
 
-std::string filterPath(int channel) {
-  return "/etc/sysconfig/dravik/zek/tbe/metadataFilterCH" + std::to_string(channel) + ".xml";
-}
-std::string calibrationPath(int channel) {
-  return "/etc/sysconfig/dravik/zek/cal/zekCalibrationDataCH" + std::to_string(channel) + ".bin";
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << content;
-  file.close();
-  if (!file) ADD_FAILURE() << "cannot write " << path;
-}
-
-std::optional<std::string> readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return std::nullopt;
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
-
-bool exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
-
 std::vector<std::string> splitLines(const std::string& text) {
   std::vector<std::string> lines;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
-}
-
-int removeEntry(const char* path, const struct stat*, int, struct FTW* where) {
-  if (where->level > 0) remove(path);
-  return 0;
 }
 
 // What one run of dravikctl did.
@@ -175,12 +143,7 @@ class DravikctlTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!sandboxUnavailableReason().empty()) GTEST_SKIP() << sandboxUnavailableReason();
-    nftw("/tmp", removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-    nftw("/etc/sysconfig", removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-    for (const char* dir : {"/etc/sysconfig/dravik", "/etc/sysconfig/dravik/zek", "/etc/sysconfig/dravik/zek/cal",
-                            "/etc/sysconfig/dravik/zek/tbe"}) {
-      ASSERT_EQ(mkdir(dir, 0755), 0) << dir;
-    }
+    ASSERT_TRUE(resetStoreAndPipes());
     std::string why;
     ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
   }
@@ -395,7 +358,7 @@ TEST_F(DravikctlTest, SimulateAcceptsAFilterAndTheServiceSavesIt) {
   EXPECT_EQ(played.err,
             "dravikctl: simulate: writing to /tmp/dravik.mailbox\n"
             "dravikctl: simulate: 1 frames received, 1 answers sent\n");
-  EXPECT_FALSE(exists(filter));
+  EXPECT_FALSE(fileExists(filter));
   EXPECT_EQ(readFile(filterPath(1)), "<filter/>\n");
 }
 
@@ -415,7 +378,7 @@ TEST_F(DravikctlTest, SimulateWithAFailureStatusLeavesTheFilterWhereItIs) {
                                       filter))
       << log();
   EXPECT_EQ(readFile(filter), "<filter/>\n");
-  EXPECT_FALSE(exists(filterPath(2)));
+  EXPECT_FALSE(fileExists(filterPath(2)));
 }
 
 TEST_F(DravikctlTest, SetFilterSendsARelativeNameAsAnAbsolutePath) {
