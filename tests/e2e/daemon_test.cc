@@ -1,6 +1,5 @@
 #include "tests/e2e/daemon_test.h"
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -116,23 +115,7 @@ std::vector<SyslogRecord> DaemonTest::logRecords() const {
 }
 
 bool DaemonTest::waitForOpen(const std::string& path, std::chrono::milliseconds timeout) const {
-  auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::string fdDir = "/proc/" + std::to_string(daemon_.pid()) + "/fd";
-  for (;;) {
-    if (DIR* dir = opendir(fdDir.c_str())) {
-      bool found = false;
-      while (dirent* entry = readdir(dir)) {
-        char target[4096];
-        std::string link = fdDir + "/" + entry->d_name;
-        ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-        if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path) found = true;
-      }
-      closedir(dir);
-      if (found) return true;
-    }
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  return waitUntilOpen(daemon_.pid(), path, timeout);
 }
 
 std::size_t DaemonTest::logCount(const SyslogLine& line) const {

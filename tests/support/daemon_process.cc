@@ -1,5 +1,6 @@
 #include "tests/support/daemon_process.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -241,4 +242,24 @@ double DaemonProcess::cpuSeconds() const {
   }
   if (!(fields >> utime >> stime)) return -1;
   return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
+  for (;;) {
+    if (DIR* dir = opendir(fdDir.c_str())) {
+      bool found = false;
+      while (dirent* entry = readdir(dir)) {
+        char target[4096];
+        std::string link = fdDir + "/" + entry->d_name;
+        ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+        if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path) found = true;
+      }
+      closedir(dir);
+      if (found) return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
 }

@@ -75,4 +75,8 @@ class DaemonProcess {
 // "exited with status 1", "killed by signal 9", for messages.
 std::string describeWaitStatus(int status);
 
+// True once process `pid` holds `path` open (as seen in /proc/PID/fd),
+// false if it has not within `timeout`.
+bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout);
+
 #endif  // DRAVIK_TESTS_SUPPORT_DAEMON_PROCESS_H_

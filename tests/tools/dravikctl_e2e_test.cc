@@ -9,7 +9,6 @@
 #include <sys/wait.h>
 #include <syslog.h>
 
-#include <dirent.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -174,23 +173,7 @@ class DravikctlTest : public ::testing::Test {
 
   // True once the daemon (or process `pid`) holds `path` open.
   bool hasOpen(const std::string& path, pid_t pid = 0) const {
-    auto deadline = std::chrono::steady_clock::now() + kGuard;
-    std::string fdDir = "/proc/" + std::to_string(pid != 0 ? pid : daemon_->pid()) + "/fd";
-    for (;;) {
-      if (DIR* dir = opendir(fdDir.c_str())) {
-        bool found = false;
-        while (dirent* entry = readdir(dir)) {
-          char target[4096];
-          std::string link = fdDir + "/" + entry->d_name;
-          ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-          if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path) found = true;
-        }
-        closedir(dir);
-        if (found) return true;
-      }
-      if (std::chrono::steady_clock::now() >= deadline) return false;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    return waitUntilOpen(pid != 0 ? pid : daemon_->pid(), path, kGuard);
   }
 
   bool waitForLog(int priority, const std::string& text) const {
