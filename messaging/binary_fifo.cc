@@ -68,7 +68,7 @@ BinaryMessage* BinaryInputFifo::getMessage() {
     byteArray frame;
     bistream frameIn(stream);
     frameIn >> frame;
-    uint32_t length = frame.length;
+    const uint32_t length = frame.length;
     if (length == 0 || length > kMaxPayloadLength) {
       // The bytes an oversized length announced stay in the pipe: there is no
       // marker to resynchronise on, so the next length is read from them.
@@ -78,82 +78,69 @@ BinaryMessage* BinaryInputFifo::getMessage() {
       return nullptr;
     }
 
-    // The reader's own checks take the header fields straight from the frame
-    // bytes (a field the payload does not reach reads as -1); the message
-    // decodes itself from the in-memory stream.
-    auto field = [&](std::size_t offset) -> int32_t {
-      if (length < offset + 4) return -1;
-      const auto* b = reinterpret_cast<const unsigned char*>(frame.data + offset);
-      return static_cast<int32_t>((uint32_t{b[0]} << 24) | (uint32_t{b[1]} << 16) | (uint32_t{b[2]} << 8) | b[3]);
-    };
-    int32_t version = field(0);
-    if (version != 1) {
-      ConsoleLine(std::cerr) << " Error: Unsupported message version: " << version;
-      dumpBytes(std::cout, frame.data, length);
-      std::cout.flush();
-      return nullptr;
-    }
-    int32_t selector = field(28);
-    if (length < kArgsLengthOffset) {
-      reportTruncated(length, selector);
-      return nullptr;
-    }
-    // One payload stream per reading thread, pointed at each frame in turn:
-    // building a std::istream costs more than decoding a request.
+    // The payload is decoded in place. One stream per reading thread, pointed
+    // at each frame in turn: building a std::istream costs more than decoding
+    // a request.
     static thread_local MemoryInputBuffer payloadBuffer(nullptr, 0);
     static thread_local std::istream payload(&payloadBuffer);
     payloadBuffer.reset(frame.data, length);
     payload.clear();
     bistream in(payload);
-    // The argument block is copied only for the report of an unregistered
-    // selector; a refused argsLength is reported by its decoder all the same,
-    // before the message is built.
-    byteArray args;
-    uint32_t argsLength = static_cast<uint32_t>(length >= kHeaderSize ? field(kArgsLengthOffset) : 0);
+
+    // The reader's own copies of the header, for its checks and reports. A
+    // field that the payload does not reach keeps its preset, -1.
+    int32_t version = -1;
+    in >> version;
+    if (version != kMessageVersion) {
+      ConsoleLine(std::cerr) << " Error: Unsupported message version: " << version;
+      dumpBytes(std::cout, frame.data, length);
+      std::cout.flush();
+      return nullptr;
+    }
+    int32_t sender = -1, recipient = -1, id = -1, correlationId = -1, selector = -1, responseSelector = -1, flags = -1;
+    int64_t timestamp = -1;
+    in >> sender >> recipient >> id >> correlationId >> timestamp >> selector >> responseSelector >> flags;
+
+    byteArray args;  // copied only for the report of an unregistered selector
+    if (!isRegistered(selector)) {
+      in >> args;
+      ConsoleLine(std::cerr) << " Error: Unrecognized selector: " << selector;
+      systemlog::format(LOG_ERR, "%s::Received Unrecognized selector=%d", "getMessage", selector);
+      ConsoleLine info(std::cout);
+      info << " Info: Received message:" << " Size: " << length << " Version: " << version << " Sender: " << sender
+           << " Recipient: " << recipient << " Id: " << id << " CorrelationId: " << correlationId
+           << " Timestamp: " << timestamp << " Selector: " << selector << " ResponseSelector: " << responseSelector
+           << " Flags: 0x" << std::hex << flags << std::dec << " Args[" << args.length << "]: ";
+      if (args.data != nullptr) {
+        // Only the bytes that are in the payload: argsLength may announce more.
+        std::size_t present = length > kHeaderSize ? length - kHeaderSize : 0;
+        dumpBytes(info.stream(), args.data, args.length < present ? args.length : present);
+      }
+      return nullptr;
+    }
+    // A registered class is never built from a header that ends early, so
+    // that a refused frame takes no message id.
+    if (length < kHeaderSize) {
+      reportTruncated(length, selector);
+      return nullptr;
+    }
+    uint32_t argsLength = 0;
+    in >> argsLength;
     if (argsLength > kMaxByteArrayLength) {
       payload.seekg(kArgsLengthOffset);
-      in >> args;
-      payload.clear();
-      payload.seekg(0);
+      in >> args;  // its decoder reports the refused length, as for any block
     }
 
     // The message decodes the payload from its first byte; whether it ran
     // past the end is judged by its own decoding, not by argsLength.
+    payload.clear();
+    payload.seekg(0);
     std::unique_ptr<BinaryMessage> message(createMessage(selector, in));
-    if (message) {
-      if (!payload) {
-        reportTruncated(length, selector);
-        return nullptr;
-      }
-      return message.release();
+    if (!payload) {
+      reportTruncated(length, selector);
+      return nullptr;
     }
-    if (argsLength <= kMaxByteArrayLength) {
-      payload.clear();
-      payload.seekg(kArgsLengthOffset);
-      in >> args;
-    }
-    int32_t sender = field(4), recipient = field(8), id = field(12), correlationId = field(16);
-    int64_t timestamp = -1;
-    if (length >= 28) {
-      timestamp = static_cast<int64_t>((uint64_t{static_cast<uint32_t>(field(20))} << 32) |
-                                       static_cast<uint32_t>(field(24)));
-    }
-    int32_t responseSelector = field(32), flags = field(36);
-
-    ConsoleLine(std::cerr) << " Error: Unrecognized selector: " << selector;
-    systemlog::format(LOG_ERR, "%s::Received Unrecognized selector=%d", "getMessage", selector);
-    ConsoleLine info(std::cout);
-    info << " Info: Received message:" << " Size: " << length << " Version: " << version << " Sender: " << sender
-         << " Recipient: " << recipient << " Id: " << id << " CorrelationId: " << correlationId
-         << " Timestamp: " << timestamp << " Selector: " << selector << " ResponseSelector: " << responseSelector
-         << " Flags: 0x" << std::hex << flags << std::dec << " Args[" << args.length << "]: ";
-    if (args.data != nullptr) {
-      // Only the bytes that are really in the payload: argsLength may
-      // announce more than the frame holds.
-      std::size_t present = length - kHeaderSize;
-      dumpBytes(info.stream(), args.data, args.length < present ? args.length : present);
-    }
-    return nullptr;
+    return message.release();
   } catch (const std::ios_base::failure& e) {
     ConsoleLine(std::cerr) << " Error: Exception ocurred reading message: " << e.what();
     wasGood_ = false;

@@ -1,6 +1,5 @@
-// Binary messages over named pipes. A frame is a byteArray: a 32-bit
-// big-endian payload length L (1 to 65536), then the payload, one message.
-// The writer fills in L and the header's argsLength (L - 44) after encoding.
+// Binary messages over named pipes, one frame each (frame_format.h). The
+// writer fills in L and the header's argsLength (L - 44) after encoding.
 #ifndef DRAVIK_MESSAGING_BINARY_FIFO_H_
 #define DRAVIK_MESSAGING_BINARY_FIFO_H_
 
@@ -8,8 +7,6 @@
 
 #include "messaging/binary_message.h"
 #include "messaging/fifo.h"
-
-constexpr uint32_t kMaxPayloadLength = 65536;
 
 class BinaryInputFifo : public InputFifo {
  public:

@@ -69,6 +69,8 @@ void registerSelector(int32_t selector, BinaryMessageFactory factory) {
   selectorRegistry().emplace(selector, factory);  // keeps an earlier entry
 }
 
+bool isRegistered(int32_t selector) { return selectorRegistry().count(selector) != 0; }
+
 BinaryMessage* createMessage(int32_t selector, bistream& in) {
   auto& registry = selectorRegistry();
   auto entry = registry.find(selector);

@@ -1,18 +1,6 @@
 // The binary message: a fixed 44-byte header followed by the arguments of
-// its class. One class per message type derives from one of four kinds.
-//
-//   payload offset  size  field
-//    0              4     version (1)
-//    4              4     sender
-//    8              4     recipient
-//   12              4     id
-//   16              4     correlationId
-//   20              8     timestamp (milliseconds)
-//   28              4     selector (getSelector())
-//   32              4     responseSelector
-//   36              4     flags
-//   40              4     argsLength
-//   44              argsLength bytes of arguments
+// its class (layout in frame_format.h). One class per message type derives
+// from one of four kinds.
 #ifndef DRAVIK_MESSAGING_BINARY_MESSAGE_H_
 #define DRAVIK_MESSAGING_BINARY_MESSAGE_H_
 
@@ -21,12 +9,10 @@
 #include <map>
 
 #include "messaging/binary_stream.h"
+#include "messaging/frame_format.h"
 #include "messaging/timestamp.h"
 
 class BinaryOutputFifo;
-
-constexpr uint32_t kHeaderSize = 44;
-constexpr uint32_t kArgsLengthOffset = 40;  // in the payload; 44 in the frame
 
 class BinaryMessage {
  public:
@@ -110,6 +96,8 @@ std::map<int32_t, BinaryMessageFactory>& selectorRegistry();
 
 // Adds the pair unless the selector is registered already (the first stays).
 void registerSelector(int32_t selector, BinaryMessageFactory factory);
+
+bool isRegistered(int32_t selector);
 
 // Builds the registered class for `selector` and decodes the whole payload
 // from `in` (standing at its first byte) into it. Null, building nothing,

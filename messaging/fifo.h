@@ -6,7 +6,8 @@
 
 #include <cstdint>
 
-#include "messaging/pipe_stream.h"
+#include "messaging/pipe_input.h"
+#include "messaging/pipe_output.h"
 
 class Message;
 

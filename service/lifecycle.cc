@@ -22,6 +22,14 @@ void sleepUnlessStopped(unsigned seconds) {
   if (signal != 0) HandleStopSignal(signal);
 }
 
+// Between two steps of the schedule: a stop that arrived while a step ran
+// (a send blocked on a full pipe gives up on it) ends the process before the
+// next step, not at the next sleep.
+void stopIfSignalled() {
+  int signal = stopsignals::take();
+  if (signal != 0) HandleStopSignal(signal);
+}
+
 Sleeper& sleeper() {
   static Sleeper current = sleepUnlessStopped;
   return current;
@@ -67,6 +75,7 @@ void SetSleeper(Sleeper newSleeper) { sleeper() = newSleeper ? std::move(newSlee
 
 void RequestAllCalibrationData() {
   for (int32_t channel = 0; channel < kChannelCount; ++channel) {
+    stopIfSignalled();
     SendZekCalibrationRequest(channel);
     sleeper()(45);
   }
@@ -75,11 +84,15 @@ void RequestAllCalibrationData() {
 void RunSchedule() {
   sleeper()(startupDelay);
   for (int32_t channel = 0; channel < kChannelCount; ++channel) {
+    stopIfSignalled();
     RestoreZekCalibrationData(channel);
     sleeper()(4);
   }
   sleeper()(5);
-  for (int32_t channel = 0; channel < kChannelCount; ++channel) RestoreZekAnalyticsFilter(channel);
+  for (int32_t channel = 0; channel < kChannelCount; ++channel) {
+    stopIfSignalled();
+    RestoreZekAnalyticsFilter(channel);
+  }
   sleeper()(1800);
   for (;;) {
     RequestAllCalibrationData();

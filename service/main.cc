@@ -1,7 +1,5 @@
 // dravik: the camera's parameter storage service.
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ios>
 
 #include "messaging/system_log.h"
@@ -21,8 +19,8 @@ int main(int argc, char* argv[]) {
     // else means the service has no command pipe and cannot work.
     int signal = stopsignals::take();
     if (signal != 0) HandleStopSignal(signal);
-    int error = commandFifo.stream.buffer().lastError();
-    LogLine(LOG_ERR) << "API: cannot open command (input) FIFO " << kCommandFifoPath << ": " << std::strerror(error);
+    LogLine(LOG_ERR) << "API: cannot open command (input) FIFO " << kCommandFifoPath << ": "
+                     << commandFifo.stream.buffer().failure();
     exit(2);
   }
   RunSchedule();

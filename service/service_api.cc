@@ -35,22 +35,20 @@ WakeUp& stopWake() {
   return *wake;
 }
 
-// After the last writer has gone: a fresh read descriptor, so that the next
-// read sleeps until a new writer sends. If the pipe file has vanished it is
-// made again; if even that fails, the dispatcher waits a second (or for the
-// stop) before it tries again rather than spin.
+// After the last writer has gone: a fresh read descriptor on whatever pipe
+// the path names now (made again if it has vanished), so that the next read
+// sleeps until a new writer sends. If the path names nothing that can be
+// opened, the dispatcher sleeps until the directory entry changes (or, with
+// no way to watch it, a second) or the stop comes, rather than spin.
 void recoverCommandInput() {
-  if (commandFifo.stream.reopen()) {
+  PipeReadBuffer& input = commandFifo.stream.buffer();
+  if (input.reopen()) {
     commandFifo.stream.clear();
     return;
   }
-  commandFifo.create();
-  if (commandFifo.stream.reopen()) {
-    commandFifo.stream.clear();
-    return;
-  }
-  struct pollfd p = {stopWake().fd(), POLLIN, 0};
-  poll(&p, 1, 1000);
+  struct pollfd p[2] = {{stopWake().fd(), POLLIN, 0}, {input.watchDescriptor(), POLLIN, 0}};
+  poll(p, 2, input.watchDescriptor() >= 0 ? -1 : 1000);
+  input.pathChanged();
 }
 
 }  // namespace

@@ -37,10 +37,13 @@ void block() {
   sigaddset(&set, SIGQUIT);
   sigaddset(&set, SIGTERM);
   if (signalFd >= 0) return;
+  // Blocked first: a signal that came between the signalfd and the mask
+  // would otherwise end the process without a line.
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
   signalFd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  // Without a signalfd nobody would take them: leave their default action,
-  // which at least ends the process.
-  if (signalFd >= 0) pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  // Without a signalfd nobody would take them: give them back their default
+  // action, which at least ends the process.
+  if (signalFd < 0) pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
 int descriptor() { return signalFd; }

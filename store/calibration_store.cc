@@ -65,12 +65,16 @@ void RestoreZekCalibrationData(int32_t channel) {
   SetCalibrationDataNotification notification;
   notification.channel = channel;
   std::string path = CalibrationFilePath(channel);
-  if (ReadCalibrationFile(path, notification.calibrationData)) {
+  uint64_t size = 0;
+  CalibrationRead read = ReadCalibrationFile(path, notification.calibrationData, &size);
+  if (read != CalibrationRead::missing) {
     notification.fileFound = true;
-    LogLine(LOG_INFO) << "SetCalibrationDataNotification File: " << path
-                      << " Has data size=" << notification.calibrationData.length;
+    LogLine(LOG_INFO) << "SetCalibrationDataNotification File: " << path << " Has data size=" << size;
   }
-  if (notification.fileFound) {
+  if (read == CalibrationRead::tooLarge) {
+    LogLine(LOG_ERR) << "RestoreZekCalibrationData: File " << path << " of " << size
+                     << " bytes is too large to restore";
+  } else if (notification.fileFound) {
     notification.recipient = kEngineEndpoint;
     notification.responseSelector = kCalibrationDataResponseSelector;
     notification.Process();

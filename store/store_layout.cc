@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cstdio>
 #include <fstream>
+#include <new>
 
 #include "messaging/system_log.h"
 
@@ -51,20 +52,22 @@ CalibrationWrite WriteCalibrationFile(const std::string& path, const byteArray& 
   return result;
 }
 
-bool ReadCalibrationFile(const std::string& path, byteArray& block) {
+CalibrationRead ReadCalibrationFile(const std::string& path, byteArray& block, uint64_t* size) {
   std::ifstream file(path, std::ios::in | std::ios::binary | std::ios::ate);
-  if (!file.is_open()) return false;
+  if (!file.is_open()) return CalibrationRead::missing;
   std::streamoff end = file.tellg();
-  uint32_t size = end > 0 ? static_cast<uint32_t>(end) : 0;
+  *size = end > 0 ? static_cast<uint64_t>(end) : 0;
   file.seekg(0);
   block.release();
-  if (size > 0) {
-    block.data = new char[size];
-    block.length = size;
-    file.read(block.data, size);
-  }
-  file.close();
-  return true;
+  if (*size == 0) return CalibrationRead::read;
+  // A stray huge file must not end the process: a failed allocation is
+  // reported like a size that no block length can carry.
+  char* data = *size <= UINT32_MAX ? new (std::nothrow) char[*size] : nullptr;
+  if (data == nullptr) return CalibrationRead::tooLarge;
+  block.data = data;
+  block.length = static_cast<uint32_t>(*size);
+  file.read(block.data, static_cast<std::streamsize>(*size));
+  return CalibrationRead::read;
 }
 
 bool FilterFileExists(const std::string& path) {

@@ -33,8 +33,11 @@ enum class CalibrationWrite { written, openFailed, writeFailed };
 // file). No temporary file: the store has room for nothing but its files.
 CalibrationWrite WriteCalibrationFile(const std::string& path, const byteArray& block);
 
-// Reads the whole file into `block`; false if the file cannot be opened.
-bool ReadCalibrationFile(const std::string& path, byteArray& block);
+enum class CalibrationRead { read, missing, tooLarge };
+// Reads the whole file into `block`. `size` is the file's size whenever it
+// opened. tooLarge: a block cannot hold it (4 GiB or more) or its memory
+// cannot be had; `block` is then empty.
+CalibrationRead ReadCalibrationFile(const std::string& path, byteArray& block, uint64_t* size);
 
 // True if the filter file can be opened for reading.
 bool FilterFileExists(const std::string& path);

@@ -134,7 +134,7 @@ TEST_F(StartTest, CommandPipeThatCannotBeOpenedEndsWithStatus2) {
   syslog_.flush(kWait);
   EXPECT_EQ(describeWaitStatus(*status), "exited with status 2");
   std::vector<SyslogLine> expected = startLines("1000");
-  expected.push_back(err("API: cannot open command (input) FIFO /tmp/dravik.mailbox: No such file or directory"));
+  expected.push_back(err("API: cannot open command (input) FIFO /tmp/dravik.mailbox: not a named pipe"));
   EXPECT_EQ(log(), expected);
   EXPECT_EQ(maskLogTime(daemon_.out()), kOpeningLine);
 }

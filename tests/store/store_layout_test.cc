@@ -68,14 +68,17 @@ TEST_F(StoreFileTest, RemovingAMissingFileLogsNothingAndChangesNothing) {
 TEST_F(StoreFileTest, EmptyCalibrationFileReadsBackAsLengthZero) {
   writeFile(CalibrationFilePath(0), "");
   byteArray block;
-  ASSERT_TRUE(ReadCalibrationFile(CalibrationFilePath(0), block));
+  uint64_t size = 9;
+  ASSERT_EQ(ReadCalibrationFile(CalibrationFilePath(0), block, &size), CalibrationRead::read);
+  EXPECT_EQ(size, 0u);
   EXPECT_EQ(block.length, 0u);
   EXPECT_EQ(block.data, nullptr);
 }
 
 TEST_F(StoreFileTest, MissingCalibrationFileIsNotRead) {
   byteArray block;
-  EXPECT_FALSE(ReadCalibrationFile(CalibrationFilePath(2), block));
+  uint64_t size = 0;
+  EXPECT_EQ(ReadCalibrationFile(CalibrationFilePath(2), block, &size), CalibrationRead::missing);
   EXPECT_EQ(block.length, 0u);
 }
 
@@ -83,7 +86,8 @@ TEST_F(StoreFileTest, CalibrationFileReadsBackByteForByte) {
   std::string bytes = bytesFromHex("00 FF 0A 0D 1A 00 80");
   writeFile(CalibrationFilePath(3), bytes);
   byteArray block;
-  ASSERT_TRUE(ReadCalibrationFile(CalibrationFilePath(3), block));
+  uint64_t size = 0;
+  ASSERT_EQ(ReadCalibrationFile(CalibrationFilePath(3), block, &size), CalibrationRead::read);
   ASSERT_EQ(block.length, bytes.size());
   EXPECT_EQ(toHex(block.data, block.length), "00 FF 0A 0D 1A 00 80");
 }
