@@ -181,21 +181,30 @@ void BinaryOutputFifo::send(const BinaryMessage& message) {
   }
 
   // One frame buffer for the process, reused under the send lock.
-  static MemoryOutputBuffer* frameBuffer = new MemoryOutputBuffer;
-  static std::ostream* frameStream = new std::ostream(frameBuffer);
-  frameBuffer->reset();
-  std::ostream& frame = *frameStream;
-  frame.clear();
-  FrameEncoder out(frame, *frameBuffer);
-  out << uint32_t{0};  // L, patched below
-  std::streamoff start = frame.tellp();
-  message.toStream(out);
-  uint32_t length = static_cast<uint32_t>(static_cast<std::streamoff>(frame.tellp()) - start);
-  frame.seekp(0);
-  out << length;
-  frame.seekp(kHeaderSize);
-  out << static_cast<uint32_t>(length - kHeaderSize);
-
-  stream.write(frameBuffer->data(), static_cast<std::streamsize>(frameBuffer->size()));
+  static MemoryOutputBuffer* frame = new MemoryOutputBuffer;
+  encodeFrame(message, *frame);
+  stream.write(frame->data(), static_cast<std::streamsize>(frame->size()));
   stream.flush();
+}
+
+void encodeFrame(const BinaryMessage& message, MemoryOutputBuffer& frame) {
+  frame.reset();
+  // One stream per thread, pointed at each buffer in turn: building a
+  // std::ostream costs more than encoding a small message.
+  static thread_local std::ostream target(nullptr);
+  target.rdbuf(&frame);
+  FrameEncoder out(target, frame);
+  out << uint32_t{0};  // L, patched below
+  message.toStream(out);
+  uint32_t length = static_cast<uint32_t>(frame.size() - kFrameLengthSize);
+  target.seekp(0);
+  out << length;
+  target.seekp(kFrameLengthSize + kArgsLengthOffset);
+  out << static_cast<uint32_t>(length - kHeaderSize);
+}
+
+std::string encodeFrame(const BinaryMessage& message) {
+  MemoryOutputBuffer frame;
+  encodeFrame(message, frame);
+  return std::string(frame.data(), frame.size());
 }

@@ -4,9 +4,11 @@
 #define DRAVIK_MESSAGING_BINARY_FIFO_H_
 
 #include <mutex>
+#include <string>
 
 #include "messaging/binary_message.h"
 #include "messaging/fifo.h"
+#include "messaging/memory_stream.h"
 
 class BinaryInputFifo : public InputFifo {
  public:
@@ -45,5 +47,11 @@ class BinaryOutputFifo : public OutputFifo {
   // The lock every send holds; never destroyed.
   static std::mutex& sendMutex();
 };
+
+// Encodes `message` as one frame into `frame` (emptied first): the length L,
+// the header with argsLength set to L - 44, then the arguments. This is what
+// send() writes, and how every peer builds the frames it sends.
+void encodeFrame(const BinaryMessage& message, MemoryOutputBuffer& frame);
+std::string encodeFrame(const BinaryMessage& message);
 
 #endif  // DRAVIK_MESSAGING_BINARY_FIFO_H_

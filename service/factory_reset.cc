@@ -3,6 +3,7 @@
 #include "messaging/system_log.h"
 #include "store/analytics_filter_store.h"
 #include "store/calibration_store.h"
+#include "store/service_messages.h"
 
 void RestoreFactoryAllSettings() {
   LogLine(LOG_INFO) << " RestoreFactoryAllSettings" << " Received";
@@ -21,3 +22,7 @@ void RestoreFactorySettings(int32_t channel) {
     LogLine(LOG_ERR) << "RestoreFactorySettings" << "::Invalid Channel=" << channel;
   }
 }
+
+void RestoreFactoryAllSettingsCommand::Process() { RestoreFactoryAllSettings(); }
+
+void RestoreFactoryVirtualCameraSettingsCommand::Process() { RestoreFactorySettings(channel); }

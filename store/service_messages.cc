@@ -1,7 +1,6 @@
 #include "store/service_messages.h"
 
 #include "messaging/system_log.h"
-#include "service/factory_reset.h"
 #include "store/analytics_filter_store.h"
 #include "store/calibration_store.h"
 
@@ -14,10 +13,6 @@ void ChannelCommand::toStream(bostream& out) const {
   BinaryCommand::toStream(out);
   out << channel;
 }
-
-void RestoreFactoryAllSettingsCommand::Process() { RestoreFactoryAllSettings(); }
-
-void RestoreFactoryVirtualCameraSettingsCommand::Process() { RestoreFactorySettings(channel); }
 
 void ResetCalibrationCommand::Process() { ResetChannelCalibration(channel); }
 

@@ -1,22 +1,7 @@
-// The fourteen message classes the service speaks. Incoming classes run a
-// store or factory-reset handler in Process(); outgoing classes are built,
-// filled and sent by the handlers.
-//
-//   class                                        selector  dir  arguments
-//   RestoreFactoryAllSettingsCommand                   13  in   -
-//   RestoreFactoryVirtualCameraSettingsCommand         14  in   channel
-//   ResetCalibrationCommand                         13001  in   channel
-//   RestoreFactoryFilterCommand                     13005  in   channel
-//   SetAnalyticsFilterDataCommand                   13004  in   channel, fileName
-//   SaveAnalyticsFilterDataCommand                  13006  in   channel, status
-//   GetAnalyticsFilterDataRequest                   13002  in   channel (answered with 13003: path)
-//   CalibrationDataResponse                          2045  in   calibrationData
-//   GetCalibrationDataChangeNotification             2044  out  channel (unsigned)
-//   SetCalibrationDataNotification                   2046  out  channel, calibrationData (also in)
-//   ResetCalibrationNotification                    13001  out  channel
-//   RestoreFactoryFilterNotification                13005  out  channel
-//   SetAnalyticsFilterDataNotification              13004  out  channel, fileName
-//   RestoreAnalyticsFilterNotification              13004  out  channel, fileName
+// The fourteen message classes the service speaks (catalogue.h lists them
+// with their arguments). Incoming classes run a store or factory-reset
+// handler in Process(); outgoing classes are built, filled and sent by the
+// handlers.
 #ifndef DRAVIK_STORE_SERVICE_MESSAGES_H_
 #define DRAVIK_STORE_SERVICE_MESSAGES_H_
 
@@ -24,24 +9,7 @@
 #include <string>
 
 #include "messaging/binary_message.h"
-
-// Endpoint numbers.
-constexpr int32_t kServiceEndpoint = 13;
-constexpr int32_t kEngineEndpoint = 11;
-constexpr int32_t kFilterEndpoint = 2;
-
-// Selectors.
-constexpr int32_t kRestoreFactoryAllSettingsSelector = 13;
-constexpr int32_t kRestoreFactoryVirtualCameraSettingsSelector = 14;
-constexpr int32_t kGetCalibrationDataChangeSelector = 2044;
-constexpr int32_t kCalibrationDataResponseSelector = 2045;
-constexpr int32_t kSetCalibrationDataSelector = 2046;
-constexpr int32_t kResetCalibrationSelector = 13001;
-constexpr int32_t kGetAnalyticsFilterDataSelector = 13002;
-constexpr int32_t kGetAnalyticsFilterDataResponseSelector = 13003;
-constexpr int32_t kSetAnalyticsFilterDataSelector = 13004;
-constexpr int32_t kRestoreFactoryFilterSelector = 13005;
-constexpr int32_t kSaveAnalyticsFilterDataSelector = 13006;
+#include "store/catalogue.h"
 
 // A message whose only argument is a signed 32-bit channel.
 class ChannelCommand : public BinaryCommand {

@@ -4,11 +4,9 @@
 
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
-// A syslog line as (priority, text), e.g. {LOG_ERR, "getMessage::..."}.
-using SyslogLine = std::pair<int, std::string>;
+#include "tools/peer/syslog_reader.h"  // SyslogLine
 
 // While it lives, systemlog lines come here instead of syslog(); any thread
 // may log. One capture at a time; create it before starting the threads that

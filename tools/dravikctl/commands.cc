@@ -8,14 +8,20 @@
 #include <iterator>
 #include <memory>
 
-#include "store/service_messages.h"
-#include "tools/dravikctl/endpoints.h"
-#include "tools/dravikctl/frame_format.h"
+#include "messaging/binary_fifo.h"
+#include "tools/dravikctl/frame_printer.h"
 #include "tools/dravikctl/stop_signals.h"
-#include "tools/dravikctl/tool_messages.h"
+#include "tools/peer/pipe_peer.h"
 
 namespace dravikctl {
 namespace {
+
+using peer::CatalogueMessage;
+using peer::Deadline;
+using peer::DecodedFrame;
+using peer::FrameReader;
+using peer::MailboxWriter;
+using catalogue::Flow;
 
 std::string seconds(double value) {
   char text[32];
@@ -40,28 +46,28 @@ std::string absoluteName(const std::string& file) {
 
 // The message that the command sends, or null (with the exit status in
 // `status`) when its arguments cannot make one.
-std::unique_ptr<BinaryMessage> buildMessage(const Options& o, int* status) {
-  std::unique_ptr<BinaryMessage> message;
+std::unique_ptr<CatalogueMessage> buildMessage(const Options& o, int* status) {
+  std::unique_ptr<CatalogueMessage> message;
   const std::string& c = o.command;
   if (c == "reset-all") {
-    message.reset(new BareCommand(kRestoreFactoryAllSettingsSelector));
+    message.reset(new CatalogueMessage("RestoreFactoryAllSettingsCommand", {}));
   } else if (c == "reset-channel") {
-    message.reset(new ChannelOnlyCommand(kRestoreFactoryVirtualCameraSettingsSelector, o.channel));
+    message.reset(new CatalogueMessage("RestoreFactoryVirtualCameraSettingsCommand", {o.channel}));
   } else if (c == "reset-calibration") {
-    message.reset(new ChannelOnlyCommand(kResetCalibrationSelector, o.channel));
+    message.reset(new CatalogueMessage("ResetCalibrationCommand", {o.channel}));
   } else if (c == "reset-filter") {
-    message.reset(new ChannelOnlyCommand(kRestoreFactoryFilterSelector, o.channel));
+    message.reset(new CatalogueMessage("RestoreFactoryFilterCommand", {o.channel}));
   } else if (c == "set-filter") {
     std::string name = absoluteName(o.file);
     struct stat info;
     if (!name.empty() && stat(name.c_str(), &info) != 0) {
       fprintf(stderr, "dravikctl: warning: %s does not exist (sent all the same)\n", name.c_str());
     }
-    message.reset(new FilterFileCommand(o.channel, name));
+    message.reset(new CatalogueMessage("SetAnalyticsFilterDataCommand", {o.channel, name}));
   } else if (c == "save-filter") {
-    message.reset(new FilterStatusCommand(o.channel, o.status));
+    message.reset(new CatalogueMessage("SaveAnalyticsFilterDataCommand", {o.channel, o.status}));
   } else if (c == "get-filter") {
-    message.reset(new FilterPathRequest(o.channel));
+    message.reset(new CatalogueMessage("GetAnalyticsFilterDataRequest", {o.channel}));
   } else if (c == "calibration-response") {
     std::ifstream in(o.file, std::ios::binary);
     if (!in) {
@@ -78,12 +84,11 @@ std::unique_ptr<BinaryMessage> buildMessage(const Options& o, int* status) {
                            " bytes; a calibration block is at most 65488");
       return nullptr;
     }
-    message.reset(new CalibrationBlockCommand(block));
+    message.reset(new CatalogueMessage("CalibrationDataResponse", {block}));
     message->correlationId = o.requestId;
   }
   if (message) {
     message->sender = o.sender;
-    message->recipient = kServiceEndpoint;
     message->responseSelector = o.responseSelector;
   }
   return message;
@@ -101,12 +106,12 @@ int runGetFilter(const Options& o, const BinaryMessage& request) {
   for (;;) {
     switch (reader.next(&frame, deadline, -1, &error)) {
       case FrameReader::Event::frame: {
-        DecodedFrame decoded = decodeFrame(frame, Direction::fromService);
+        DecodedFrame decoded = peer::decodeFrame(frame, Flow::out);
         if (decoded.hasHeader && decoded.header.correlationId == request.id &&
             decoded.header.recipient == request.sender) {
-          std::string path;
-          if (!responseText(decoded, &path)) return fail("unexpected answer: " + frameText(decoded, true));
-          return printLine(path) ? kExitOk : kExitFailure;
+          const peer::Value* path = decoded.arg("path");
+          if (path == nullptr) return fail("unexpected answer: " + frameText(decoded, true));
+          return printLine(path->bytes) ? kExitOk : kExitFailure;
         }
         // Whoever else reads this pipe will not see this frame: say so.
         fprintf(stderr, "dravikctl: skipped %s\n", frameText(decoded, false).c_str());
@@ -142,7 +147,7 @@ bool printLine(const std::string& line) {
   return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
 }
 
-std::string frameLine(const DecodedFrame& frame, const Options& options, const std::string& event) {
+std::string frameLine(const peer::DecodedFrame& frame, const Options& options, const std::string& event) {
   struct timespec now = wallClock();
   if (options.json) return frameJson(frame, options.hex, isoTime(now), event);
   std::string line = timeOfDay(now) + " ";
@@ -161,7 +166,7 @@ int runMonitor(const Options& o) {
   for (;;) {
     switch (reader.next(&frame, end, stop.fd(), &error)) {
       case FrameReader::Event::frame:
-        if (!printLine(frameLine(decodeFrame(frame, Direction::fromService), o, ""))) return kExitFailure;
+        if (!printLine(frameLine(peer::decodeFrame(frame, Flow::out), o, ""))) return kExitFailure;
         if (o.count > 0 && ++frames >= o.count) return kExitOk;
         break;
       case FrameReader::Event::writersGone:
@@ -181,10 +186,9 @@ int runMonitor(const Options& o) {
 int runCommand(const Options& o) {
   if (o.command == "monitor") return runMonitor(o);
   if (o.command == "simulate") return runSimulate(o);
-  if (o.command == "syslog-capture") return runSyslogCapture(o);
 
   int status = kExitOk;
-  std::unique_ptr<BinaryMessage> message = buildMessage(o, &status);
+  std::unique_ptr<CatalogueMessage> message = buildMessage(o, &status);
   if (!message) return status;
   if (o.command == "get-filter") return runGetFilter(o, *message);
   std::string error;

@@ -6,9 +6,8 @@
 
 #include <string>
 
-#include "messaging/binary_message.h"
-#include "tools/dravikctl/frame_decoder.h"
 #include "tools/dravikctl/options.h"
+#include "tools/peer/frame_codec.h"
 
 namespace dravikctl {
 
@@ -21,7 +20,6 @@ int runCommand(const Options& options);
 
 int runMonitor(const Options& options);
 int runSimulate(const Options& options);
-int runSyslogCapture(const Options& options);
 
 // "dravikctl: <message>" on standard error; returns kExitFailure.
 int fail(const std::string& message);
@@ -32,7 +30,7 @@ int usageError(const std::string& message);
 bool printLine(const std::string& line);
 // The line (text or JSON, as the options say) for a frame read or sent now;
 // `event` ("recv", "send") is left out when empty.
-std::string frameLine(const DecodedFrame& frame, const Options& options, const std::string& event);
+std::string frameLine(const peer::DecodedFrame& frame, const Options& options, const std::string& event);
 
 }  // namespace dravikctl
 

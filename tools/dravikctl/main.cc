@@ -6,7 +6,7 @@
 #include "dravikctl_version.h"
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/options.h"
-#include "tools/dravikctl/tool_messages.h"
+#include "tools/peer/frame_codec.h"
 
 int main(int argc, char* argv[]) {
   // A reader that goes away shows up as EPIPE on the write, which is
@@ -24,6 +24,6 @@ int main(int argc, char* argv[]) {
     printf("dravikctl %s\n", DRAVIKCTL_VERSION);
     return dravikctl::kExitOk;
   }
-  dravikctl::seedMessageIds();
+  peer::seedMessageIds();
   return dravikctl::runCommand(options);
 }

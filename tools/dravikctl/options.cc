@@ -7,7 +7,7 @@
 #include <set>
 #include <vector>
 
-#include "store/service_messages.h"
+#include "store/catalogue.h"
 
 namespace dravikctl {
 namespace {
@@ -39,8 +39,6 @@ const std::vector<CommandRule>& commands() {
       {"get-filter", {"N"}, kSends},
       {"monitor", {}, kMonitors},
       {"simulate", {}, kSimulates},
-      // Not in the usage: the demo's stand-in for a syslog daemon.
-      {"syslog-capture", {}, kCaptures},
   };
   return table;
 }

@@ -5,14 +5,20 @@
 // of the service: when the service goes it waits for the next one.
 #include <cstdio>
 
-#include "store/service_messages.h"
+#include "messaging/binary_fifo.h"
 #include "tools/dravikctl/commands.h"
-#include "tools/dravikctl/endpoints.h"
 #include "tools/dravikctl/stop_signals.h"
-#include "tools/dravikctl/tool_messages.h"
+#include "tools/peer/pipe_peer.h"
 
 namespace dravikctl {
 namespace {
+
+using peer::CatalogueMessage;
+using peer::Deadline;
+using peer::DecodedFrame;
+using peer::FrameReader;
+using peer::MailboxWriter;
+using catalogue::Flow;
 
 // How often a simulator without a daemon tries the mailbox again.
 constexpr double kAttachInterval = 0.25;
@@ -84,22 +90,20 @@ class Simulator {
 
   // Prints a received frame and answers it. False when standard output is gone.
   bool handle(const std::string& frame) {
-    DecodedFrame in = decodeFrame(frame, Direction::fromService);
+    DecodedFrame in = peer::decodeFrame(frame, Flow::out);
     if (!printLine(frameLine(in, o_, "recv"))) return false;
     if (!in.decoded()) return true;
-    if (in.className == "GetCalibrationDataChangeNotification") {
-      const Argument* channel = in.argument("channel");
-      CalibrationBlockCommand answer(calibrationBlock(channel ? channel->number : 0, o_.blockSize));
+    const peer::Value* channel = in.arg("channel");
+    int64_t number = channel != nullptr ? channel->number : 0;
+    if (in.entry->selector == kGetCalibrationDataChangeSelector) {
+      CatalogueMessage answer("CalibrationDataResponse", {calibrationBlock(number, o_.blockSize)});
       answer.sender = kEngineEndpoint;
-      answer.recipient = kServiceEndpoint;
       answer.correlationId = in.header.id;
       return send(answer);
     }
-    if (in.className == "SetAnalyticsFilterDataNotification") {
-      const Argument* channel = in.argument("channel");
-      FilterStatusCommand answer(channel ? static_cast<int32_t>(channel->number) : 0, o_.filterStatus);
+    if (std::string(in.entry->name) == "SetAnalyticsFilterDataNotification") {
+      CatalogueMessage answer("SaveAnalyticsFilterDataCommand", {number, o_.filterStatus});
       answer.sender = kFilterEndpoint;
-      answer.recipient = kServiceEndpoint;
       return send(answer);
     }
     return true;
@@ -114,7 +118,7 @@ class Simulator {
       return true;
     }
     ++answers_;
-    return printLine(frameLine(decodeFrame(frame, Direction::toService), o_, "send"));
+    return printLine(frameLine(peer::decodeFrame(frame, Flow::in), o_, "send"));
   }
 
   int finish(long received, int status) {

@@ -1,0 +1,226 @@
+#include "tools/dravikctl/frame_printer.h"
+
+#include <cstdio>
+
+namespace dravikctl {
+namespace {
+
+// Calibration blocks can be 64 KiB; a text line shows their start.
+constexpr std::size_t kBytesShown = 8;
+
+std::string brokenDown(const struct timespec& t, const char* format) {
+  struct tm utc;
+  time_t seconds = t.tv_sec;
+  gmtime_r(&seconds, &utc);
+  char text[64];
+  strftime(text, sizeof text, format, &utc);
+  char millis[24];
+  snprintf(millis, sizeof millis, ".%03d", static_cast<int>(t.tv_nsec / 1000000 % 1000));
+  return std::string(text) + millis;
+}
+
+// Length of the UTF-8 sequence starting at `i`, or 0 if none does.
+std::size_t utf8Sequence(const std::string& s, std::size_t i) {
+  unsigned char c = static_cast<unsigned char>(s[i]);
+  std::size_t n;
+  if (c >= 0xC2 && c <= 0xDF) {
+    n = 2;
+  } else if (c >= 0xE0 && c <= 0xEF) {
+    n = 3;
+  } else if (c >= 0xF0 && c <= 0xF4) {
+    n = 4;
+  } else {
+    return 0;
+  }
+  if (i + n > s.size()) return 0;
+  for (std::size_t k = 1; k < n; ++k) {
+    if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return 0;
+  }
+  return n;
+}
+
+void appendHeaderText(const peer::FrameHeader& h, std::string* out) {
+  *out += " " + std::to_string(h.sender) + "->" + std::to_string(h.recipient);
+  *out += " id=" + std::to_string(h.id);
+  *out += " corr=" + std::to_string(h.correlationId);
+  *out += " resp=" + std::to_string(h.responseSelector);
+  if (h.flags != 0) {
+    char flags[16];
+    snprintf(flags, sizeof flags, "0x%x", static_cast<unsigned>(h.flags));
+    *out += std::string(" flags=") + flags;
+  }
+}
+
+void appendHeaderJson(const peer::FrameHeader& h, std::string* out) {
+  *out += ",\"sender\":" + std::to_string(h.sender);
+  *out += ",\"recipient\":" + std::to_string(h.recipient);
+  *out += ",\"id\":" + std::to_string(h.id);
+  *out += ",\"correlationId\":" + std::to_string(h.correlationId);
+  *out += ",\"responseSelector\":" + std::to_string(h.responseSelector);
+  *out += ",\"selector\":" + std::to_string(h.selector);
+  *out += ",\"flags\":" + std::to_string(h.flags);
+  *out += ",\"version\":" + std::to_string(h.version);
+  *out += ",\"timestamp\":" + std::to_string(h.timestamp);
+  *out += ",\"argsLength\":" + std::to_string(h.argsLength);
+}
+
+}  // namespace
+
+struct timespec wallClock() {
+  struct timespec t;
+  clock_gettime(CLOCK_REALTIME, &t);
+  return t;
+}
+
+std::string timeOfDay(const struct timespec& t) { return brokenDown(t, "%H:%M:%S"); }
+
+std::string isoTime(const struct timespec& t) { return brokenDown(t, "%Y-%m-%dT%H:%M:%S") + "Z"; }
+
+std::string hexString(const std::string& bytes, bool spaced) {
+  static const char digits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(bytes.size() * 3);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    unsigned char c = static_cast<unsigned char>(bytes[i]);
+    if (spaced && i != 0) out += ' ';
+    out += digits[c >> 4];
+    out += digits[c & 0xF];
+  }
+  return out;
+}
+
+std::string jsonQuote(const std::string& text) {
+  std::string out = "\"";
+  for (std::size_t i = 0; i < text.size();) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c == '\t') {
+      out += "\\t";
+    } else if (c == '\r') {
+      out += "\\r";
+    } else if (c < 0x20 || c == 0x7F) {
+      char escaped[8];
+      snprintf(escaped, sizeof escaped, "\\u%04x", c);
+      out += escaped;
+    } else if (c >= 0x80) {
+      std::size_t n = utf8Sequence(text, i);
+      if (n == 0) {
+        char escaped[8];
+        snprintf(escaped, sizeof escaped, "\\u%04x", c);
+        out += escaped;
+        ++i;
+      } else {
+        out.append(text, i, n);
+        i += n;
+      }
+      continue;
+    } else {
+      out += static_cast<char>(c);
+    }
+    ++i;
+  }
+  return out + "\"";
+}
+
+std::string textQuote(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    if (c == '"' || c == '\\') {
+      out += '\\';
+      out += static_cast<char>(c);
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c >= 0x20 && c < 0x7F) {
+      out += static_cast<char>(c);
+    } else {
+      char escaped[8];
+      snprintf(escaped, sizeof escaped, "\\x%02x", c);
+      out += escaped;
+    }
+  }
+  return out + "\"";
+}
+
+std::string frameText(const peer::DecodedFrame& frame, bool withHex) {
+  std::string line;
+  if (!frame.decoded()) {
+    line = "undecodable frame (" + frame.error + ")";
+    if (frame.hasHeader) {
+      appendHeaderText(frame.header, &line);
+      line += " selector=" + std::to_string(frame.header.selector);
+    }
+    return line + ": " + hexString(frame.raw, true);
+  }
+  line = frame.entry->name;
+  appendHeaderText(frame.header, &line);
+  for (std::size_t i = 0; i < frame.args.size(); ++i) {
+    const catalogue::Arg& spec = frame.entry->args[i];
+    const peer::Value& a = frame.args[i];
+    line += std::string(" ") + spec.name + "=";
+    switch (spec.type) {
+      case catalogue::ArgType::int32:
+      case catalogue::ArgType::uint32:
+        line += std::to_string(a.number);
+        break;
+      case catalogue::ArgType::string:
+        line += textQuote(a.bytes);
+        break;
+      case catalogue::ArgType::bytes:
+        line += "<" + std::to_string(a.bytes.size()) + " bytes";
+        if (!a.bytes.empty()) {
+          line += ": " + hexString(a.bytes.substr(0, kBytesShown), true);
+          if (a.bytes.size() > kBytesShown) line += " ...";
+        }
+        line += ">";
+        break;
+    }
+  }
+  for (const std::string& note : frame.notes) line += " [" + note + "]";
+  if (withHex) line += " frame=" + hexString(frame.raw, true);
+  return line;
+}
+
+std::string frameJson(const peer::DecodedFrame& frame, bool withHex, const std::string& time, const std::string& event) {
+  std::string out = "{\"time\":" + jsonQuote(time);
+  if (!event.empty()) out += ",\"event\":" + jsonQuote(event);
+  if (!frame.decoded()) {
+    out += ",\"class\":null,\"error\":" + jsonQuote(frame.error);
+    if (frame.hasHeader) appendHeaderJson(frame.header, &out);
+    return out + ",\"frame\":" + jsonQuote(hexString(frame.raw, false)) + "}";
+  }
+  out += ",\"class\":" + jsonQuote(frame.entry->name);
+  appendHeaderJson(frame.header, &out);
+  out += ",\"args\":{";
+  for (std::size_t i = 0; i < frame.args.size(); ++i) {
+    const catalogue::Arg& spec = frame.entry->args[i];
+    const peer::Value& a = frame.args[i];
+    if (i != 0) out += ",";
+    out += jsonQuote(spec.name) + ":";
+    switch (spec.type) {
+      case catalogue::ArgType::int32:
+      case catalogue::ArgType::uint32:
+        out += std::to_string(a.number);
+        break;
+      case catalogue::ArgType::string:
+        out += jsonQuote(a.bytes);
+        break;
+      case catalogue::ArgType::bytes:
+        out += jsonQuote(hexString(a.bytes, false));
+        break;
+    }
+  }
+  out += "}";
+  if (!frame.notes.empty()) {
+    out += ",\"notes\":[";
+    for (std::size_t i = 0; i < frame.notes.size(); ++i) out += (i ? "," : "") + jsonQuote(frame.notes[i]);
+    out += "]";
+  }
+  if (withHex) out += ",\"frame\":" + jsonQuote(hexString(frame.raw, false));
+  return out + "}";
+}
+
+}  // namespace dravikctl

@@ -1,0 +1,277 @@
+#include "tools/harness/child_process.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <grp.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace {
+
+int openPidFd(pid_t pid) {
+#ifdef SYS_pidfd_open
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+  (void)pid;
+  return -1;
+#endif
+}
+
+std::string nameOf(const std::string& entry) { return entry.substr(0, entry.find('=')); }
+
+}  // namespace
+
+int openExecutable(const std::string& path) { return open(path.c_str(), O_PATH | O_CLOEXEC); }
+
+std::string describeWaitStatus(int status) {
+  std::ostringstream text;
+  if (WIFEXITED(status)) {
+    text << "exited with status " << WEXITSTATUS(status);
+  } else if (WIFSIGNALED(status)) {
+    text << "killed by signal " << WTERMSIG(status);
+  } else {
+    text << "wait status " << status;
+  }
+  return text.str();
+}
+
+ChildProcess::~ChildProcess() {
+  if (running()) {
+    kill(pid_, SIGKILL);
+    int status = 0;
+    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+    }
+    reap(status);
+  }
+  if (drainer_.joinable()) drainer_.join();
+  if (pidFd_ >= 0) close(pidFd_);
+}
+
+bool ChildProcess::start(int binaryFd, const std::string& name, const std::vector<std::string>& args,
+                         const ChildOptions& options, std::string* whyNot) {
+  auto fail = [&](const std::string& what) {
+    if (whyNot != nullptr) *whyNot = what + ": " + std::strerror(errno);
+    return false;
+  };
+  if (pid_ > 0) {
+    errno = EBUSY;
+    return fail("already started");
+  }
+
+  // Everything the child needs is built before fork(): between fork() and
+  // exec() it may only make async-signal-safe calls.
+  const std::vector<std::string>& environment = options.environment;
+  std::string path = "/proc/self/fd/" + std::to_string(binaryFd);
+  std::vector<std::string> argStrings = options.wrapper;
+  argStrings.push_back(options.wrapper.empty() ? name : path);
+  argStrings.insert(argStrings.end(), args.begin(), args.end());
+  std::string program = options.wrapper.empty() ? path : options.wrapper.front();
+  std::vector<std::string> envStrings;
+  for (char** e = environ; *e != nullptr; ++e) {
+    std::string entry = *e;
+    bool replaced = false;
+    for (const std::string& extra : environment) replaced = replaced || nameOf(extra) == nameOf(entry);
+    if (!replaced) envStrings.push_back(entry);
+  }
+  envStrings.insert(envStrings.end(), environment.begin(), environment.end());
+  std::vector<char*> argv;
+  for (std::string& a : argStrings) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (std::string& e : envStrings) envp.push_back(e.data());
+  envp.push_back(nullptr);
+
+  int outPipe[2], errPipe[2];
+  if (pipe2(outPipe, O_CLOEXEC) != 0) return fail("pipe");
+  if (pipe2(errPipe, O_CLOEXEC) != 0) {
+    close(outPipe[0]);
+    close(outPipe[1]);
+    return fail("pipe");
+  }
+  int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  pid_t parent = getpid();
+
+  pid_t pid = fork();
+  if (pid < 0) {
+    for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1], devNull}) close(fd);
+    return fail("fork");
+  }
+  if (pid == 0) {
+    // The child dies with the test process, so that no daemon survives a
+    // crashed test.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(126);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::signal(SIGPIPE, SIG_DFL);
+    if (devNull >= 0) dup2(devNull, 0);
+    dup2(outPipe[1], 1);
+    dup2(errPipe[1], 2);
+    // A wrapper reaches the program through the same descriptor.
+    if (!options.wrapper.empty()) fcntl(binaryFd, F_SETFD, 0);
+    if (options.gid != static_cast<gid_t>(-1) && (setgroups(0, nullptr) != 0 || setgid(options.gid) != 0)) _exit(126);
+    if (options.uid != static_cast<uid_t>(-1) && setuid(options.uid) != 0) _exit(126);
+    execve(program.c_str(), argv.data(), envp.data());
+    _exit(126);
+  }
+  close(outPipe[1]);
+  close(errPipe[1]);
+  if (devNull >= 0) close(devNull);
+  pid_ = pid;
+  pidFd_ = openPidFd(pid);
+  onOutput_ = options.onOutput;
+  drainer_ = std::thread(&ChildProcess::drain, this, outPipe[0], errPipe[0]);
+  return true;
+}
+
+bool ChildProcess::signal(int signal) const { return running() && kill(pid_, signal) == 0; }
+
+void ChildProcess::reap(int status) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  status_ = status;
+  changed_.notify_all();
+}
+
+bool ChildProcess::poll() {
+  if (!running()) return status_.has_value();
+  int status = 0;
+  pid_t done = waitpid(pid_, &status, WNOHANG);
+  if (done == pid_) {
+    reap(status);
+    return true;
+  }
+  return false;
+}
+
+std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
+  if (pid_ <= 0) return std::nullopt;
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (!poll()) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      kill(pid_, SIGKILL);
+      int status = 0;
+      while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+      }
+      reap(status);
+      if (drainer_.joinable()) drainer_.join();
+      return std::nullopt;
+    }
+    if (pidFd_ >= 0) {
+      struct pollfd p = {pidFd_, POLLIN, 0};
+      ::poll(&p, 1, static_cast<int>(left.count()));
+    } else {
+      usleep(1000);
+    }
+  }
+  // The child's pipes close when it ends; what it wrote last is collected
+  // before the status is handed out.
+  if (drainer_.joinable()) drainer_.join();
+  return status_;
+}
+
+void ChildProcess::drain(int outFd, int errFd) {
+  struct pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
+  int open = 2;
+  char buffer[4096];
+  while (open > 0) {
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i].fd < 0 || fds[i].revents == 0) continue;
+      ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
+      if (n > 0) {
+        if (onOutput_) onOutput_(i == 1, std::string(buffer, static_cast<std::size_t>(n)));
+        std::lock_guard<std::mutex> lock(mutex_);
+        (i == 0 ? out_ : err_).append(buffer, static_cast<std::size_t>(n));
+        changed_.notify_all();
+      } else if (n == 0 || (errno != EINTR && errno != EAGAIN)) {
+        close(fds[i].fd);
+        fds[i].fd = -1;
+        --open;
+      }
+    }
+  }
+  for (auto& p : fds) {
+    if (p.fd >= 0) close(p.fd);
+  }
+}
+
+std::string ChildProcess::out() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return out_;
+}
+
+std::string ChildProcess::err() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return err_;
+}
+
+bool ChildProcess::waitForText(const std::string& needle, bool fromErr, std::chrono::milliseconds timeout) const {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (;;) {
+    if ((fromErr ? err_ : out_).find(needle) != std::string::npos) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    changed_.wait_until(lock, deadline);
+  }
+}
+
+bool ChildProcess::waitForOut(const std::string& needle, std::chrono::milliseconds timeout) const {
+  return waitForText(needle, false, timeout);
+}
+
+bool ChildProcess::waitForErr(const std::string& needle, std::chrono::milliseconds timeout) const {
+  return waitForText(needle, true, timeout);
+}
+
+double ChildProcess::cpuSeconds() const {
+  if (!running()) return -1;
+  std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
+  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+  // The command name in parentheses may hold blanks: count fields after it.
+  std::size_t close = text.rfind(')');
+  if (close == std::string::npos) return -1;
+  std::istringstream fields(text.substr(close + 2));
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  // Fields 3 to 13 precede utime (14) and stime (15).
+  for (int i = 3; i <= 13 && fields >> field; ++i) {
+  }
+  if (!(fields >> utime >> stime)) return -1;
+  return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout) {
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
+  for (;;) {
+    if (DIR* dir = opendir(fdDir.c_str())) {
+      bool found = false;
+      while (dirent* entry = readdir(dir)) {
+        char target[4096];
+        std::string link = fdDir + "/" + entry->d_name;
+        ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+        if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path) found = true;
+      }
+      closedir(dir);
+      if (found) return true;
+    }
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}

@@ -1,0 +1,25 @@
+#include "tools/harness/temp_dir.h"
+
+#include <ftw.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <vector>
+
+namespace {
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
+}  // namespace
+
+TempDir::TempDir() {
+  const char* base = std::getenv("TMPDIR");
+  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/dravik.XXXXXX";
+  std::vector<char> name(pattern.begin(), pattern.end());
+  name.push_back('\0');
+  if (mkdtemp(name.data()) != nullptr) path_ = name.data();
+}
+
+TempDir::~TempDir() {
+  // Depth first, so that each directory is empty when its turn comes.
+  if (!path_.empty()) nftw(path_.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
+}

@@ -1,0 +1,23 @@
+// A private directory, removed with everything in it when destroyed.
+#ifndef DRAVIK_TOOLS_HARNESS_TEMP_DIR_H_
+#define DRAVIK_TOOLS_HARNESS_TEMP_DIR_H_
+
+#include <string>
+
+class TempDir {
+ public:
+  // Made with mkdtemp under $TMPDIR (or /tmp); path() is empty on failure.
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // The path of `name` inside the directory; nothing is created.
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+#endif  // DRAVIK_TOOLS_HARNESS_TEMP_DIR_H_

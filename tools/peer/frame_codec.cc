@@ -1,0 +1,189 @@
+#include "tools/peer/frame_codec.h"
+
+#include <time.h>
+#include <unistd.h>
+
+#include <istream>
+
+#include "messaging/binary_stream.h"
+#include "messaging/frame_format.h"
+#include "messaging/memory_stream.h"
+
+namespace peer {
+namespace {
+
+using catalogue::ArgType;
+using catalogue::Entry;
+using catalogue::Flow;
+
+// Reads one argument. Numbers go through the library's decoders; the
+// length of a string or block is checked here, so that a length no reader
+// accepts is a decoding error of the frame rather than a console line.
+bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Value* value, std::string* error) {
+  uint32_t length = 0;
+  uint32_t limit = 0;
+  switch (arg.type) {
+    case ArgType::int32: {
+      int32_t v = 0;
+      in >> v;
+      value->number = v;
+      return true;
+    }
+    case ArgType::uint32: {
+      uint32_t v = 0;
+      in >> v;
+      value->number = v;
+      return true;
+    }
+    case ArgType::string: {
+      uint16_t n = 0;
+      in >> n;
+      length = n;
+      limit = kMaxStringLength;
+      break;
+    }
+    case ArgType::bytes:
+      in >> length;
+      limit = kMaxByteArrayLength;
+      break;
+  }
+  if (length > limit) {
+    *error = std::string(arg.type == ArgType::string ? "string " : "byteArray ") + arg.name + " of " +
+             std::to_string(length) + " bytes is refused by readers";
+    return false;
+  }
+  value->bytes.resize(length);
+  if (length > 0) payload.read(&value->bytes[0], length);
+  return true;
+}
+
+}  // namespace
+
+CatalogueMessage::CatalogueMessage(const std::string& className, std::vector<Value> values)
+    : CatalogueMessage(*catalogue::byName(className), std::move(values)) {}
+
+CatalogueMessage::CatalogueMessage(const catalogue::Entry& entryValue, std::vector<Value> valuesIn)
+    : entry(entryValue), values(std::move(valuesIn)) {
+  recipient = entry.recipient;
+  responseSelector = entry.responseSelector;
+}
+
+void CatalogueMessage::toStream(bostream& out) const {
+  BinaryMessage::toStream(out);
+  for (std::size_t i = 0; i < entry.args.size() && i < values.size(); ++i) {
+    const Value& v = values[i];
+    switch (entry.args[i].type) {
+      case ArgType::int32:
+        out << static_cast<int32_t>(v.number);
+        break;
+      case ArgType::uint32:
+        out << static_cast<uint32_t>(v.number);
+        break;
+      case ArgType::string:
+        out << v.bytes;
+        break;
+      case ArgType::bytes: {
+        byteArray block;
+        block.assign(v.bytes.data(), static_cast<uint32_t>(v.bytes.size()));
+        out << block;
+        break;
+      }
+    }
+  }
+}
+
+const Value* DecodedFrame::arg(const std::string& name) const {
+  if (entry == nullptr) return nullptr;
+  for (std::size_t i = 0; i < entry->args.size() && i < args.size(); ++i) {
+    if (name == entry->args[i].name) return &args[i];
+  }
+  return nullptr;
+}
+
+DecodedFrame decodeFrame(const std::string& frame, Flow flow) {
+  DecodedFrame result;
+  result.raw = frame;
+  if (frame.size() < kFrameLengthSize) {
+    result.error = "frame ends after " + std::to_string(frame.size()) + " bytes of its length";
+    return result;
+  }
+  MemoryInputBuffer buffer(frame.data(), frame.size());
+  std::istream payload(&buffer);
+  bistream in(payload);
+  uint32_t length = 0;
+  in >> length;
+  if (length == 0 || length > kMaxPayloadLength) {
+    result.error = "invalid frame length " + std::to_string(length);
+    return result;
+  }
+  std::size_t present = frame.size() - kFrameLengthSize;
+  if (present < length) {
+    result.error = "truncated frame: " + std::to_string(present) + " of " + std::to_string(length) + " payload bytes";
+  }
+  std::size_t size = present < length ? present : length;
+  if (size < kHeaderSize) {
+    if (result.error.empty()) result.error = "payload of " + std::to_string(size) + " bytes is shorter than the header";
+    return result;
+  }
+  buffer.reset(frame.data() + kFrameLengthSize, size);
+  FrameHeader& h = result.header;
+  in >> h.version >> h.sender >> h.recipient >> h.id >> h.correlationId >> h.timestamp >> h.selector >>
+      h.responseSelector >> h.flags >> h.argsLength;
+  result.hasHeader = true;
+  if (!result.error.empty()) return result;
+  if (h.version != kMessageVersion) {
+    result.error = "unsupported version " + std::to_string(h.version);
+    return result;
+  }
+
+  std::size_t argumentBytes = size - kHeaderSize;
+  const Entry* entry = catalogue::classify(h.selector, flow, h.recipient, h.responseSelector);
+  if (entry == nullptr && flow == Flow::out && h.correlationId != 0 && argumentBytes >= 2) {
+    // A response whose requester chose its own response selector.
+    uint16_t n = 0;
+    in >> n;
+    if (n <= kMaxStringLength && argumentBytes == 2u + n) entry = catalogue::byName("GetAnalyticsFilterDataResponse");
+    payload.seekg(kHeaderSize);
+  }
+  if (entry == nullptr) {
+    result.error = "unknown selector " + std::to_string(h.selector);
+    return result;
+  }
+  if (h.argsLength < 0 || static_cast<std::size_t>(h.argsLength) != argumentBytes) {
+    result.notes.push_back("argsLength " + std::to_string(h.argsLength) + " but " + std::to_string(argumentBytes) +
+                           " argument bytes");
+  }
+  // The service builds a 2046 that arrives from its header alone, so a
+  // sender may leave its arguments out.
+  bool optional = flow == Flow::in && h.selector == kSetCalibrationDataSelector && argumentBytes == 0;
+  for (std::size_t i = 0; i < entry->args.size() && !optional; ++i) {
+    Value value(0);
+    std::string error;
+    if (!readArg(in, payload, entry->args[i], &value, &error)) {
+      result.error = std::string(entry->name) + ": " + error;
+      result.args.clear();
+      return result;
+    }
+    if (!payload) {
+      result.error = std::string(entry->name) + ": frame ends inside argument " + entry->args[i].name;
+      result.args.clear();
+      return result;
+    }
+    result.args.push_back(std::move(value));
+  }
+  std::streamsize rest = payload.rdbuf()->in_avail();
+  if (rest > 0) result.notes.push_back(std::to_string(rest) + " bytes after the arguments");
+  result.entry = entry;
+  return result;
+}
+
+void seedMessageIds() {
+  struct timespec t;
+  clock_gettime(CLOCK_REALTIME, &t);
+  uint32_t seed = static_cast<uint32_t>(t.tv_sec) * 1000u + static_cast<uint32_t>(t.tv_nsec / 1000000);
+  seed ^= static_cast<uint32_t>(getpid()) << 16;
+  // Positive and far from overflow: a run sends only a few messages.
+  BinaryMessage::lastId = static_cast<int32_t>((seed & 0x3FFFFFFF) + 1000);
+}
+
+}  // namespace peer

@@ -1,0 +1,232 @@
+#include "tools/peer/pipe_peer.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+
+#include <istream>
+
+#include "messaging/binary_stream.h"
+#include "messaging/frame_format.h"
+#include "messaging/memory_stream.h"
+
+namespace peer {
+namespace {
+
+std::string openFailure(const std::string& path, int error) {
+  switch (error) {
+    case ENOENT:
+      return "no pipe at " + path + " (is the service running?)";
+    case ENXIO:
+      return "no daemon is reading " + path;
+    default:
+      return "cannot open " + path + ": " + std::strerror(error);
+  }
+}
+
+bool isFifo(int fd) {
+  struct stat info;
+  return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+}
+
+int64_t nanosecondsUntil(const struct timespec& at) {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return (static_cast<int64_t>(at.tv_sec) - now.tv_sec) * 1000000000 + (at.tv_nsec - now.tv_nsec);
+}
+
+}  // namespace
+
+Deadline Deadline::never() { return Deadline(); }
+
+Deadline Deadline::after(double seconds) {
+  Deadline d;
+  d.never_ = false;
+  clock_gettime(CLOCK_MONOTONIC, &d.at_);
+  double whole = std::floor(seconds);
+  d.at_.tv_sec += static_cast<time_t>(whole);
+  d.at_.tv_nsec += static_cast<long>((seconds - whole) * 1e9);
+  if (d.at_.tv_nsec >= 1000000000) {
+    d.at_.tv_sec += 1;
+    d.at_.tv_nsec -= 1000000000;
+  }
+  return d;
+}
+
+bool Deadline::passed() const { return !never_ && nanosecondsUntil(at_) <= 0; }
+
+int Deadline::pollTimeout() const {
+  if (never_) return -1;
+  int64_t left = nanosecondsUntil(at_);
+  if (left <= 0) return 0;
+  // Rounded up, so that a wait never ends just before the deadline.
+  return static_cast<int>((left + 999999) / 1000000);
+}
+
+MailboxWriter::~MailboxWriter() { close(); }
+
+bool MailboxWriter::open(const std::string& path, std::string* error) {
+  close();
+  path_ = path;
+  // O_NONBLOCK: a FIFO without a reader fails at once with ENXIO instead
+  // of waiting for one.
+  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *error = openFailure(path, errno);
+    return false;
+  }
+  if (!isFifo(fd)) {
+    ::close(fd);
+    *error = path + " is not a named pipe";
+    return false;
+  }
+  fd_ = fd;
+  return true;
+}
+
+bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, std::string* error) {
+  if (fd_ < 0) {
+    *error = "no daemon is reading " + path_;
+    return false;
+  }
+  std::size_t done = 0;
+  while (done < frame.size()) {
+    ssize_t n = ::write(fd_, frame.data() + done, frame.size() - done);
+    if (n > 0) {
+      done += static_cast<std::size_t>(n);
+      continue;
+    }
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && errno == EPIPE) {
+      close();
+      *error = "the service stopped reading " + path_;
+      return false;
+    }
+    if (n < 0 && errno != EAGAIN) {
+      *error = "cannot write to " + path_ + ": " + std::strerror(errno);
+      return false;
+    }
+    struct pollfd p = {fd_, POLLOUT, 0};
+    int ready = poll(&p, 1, deadline.pollTimeout());
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready == 0) {
+      *error = "the service is not taking messages from " + path_ + " (pipe full";
+      *error += done != 0 ? ", frame cut short)" : ")";
+      return false;
+    }
+    if (ready < 0) {
+      *error = "cannot wait for " + path_ + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  return true;
+}
+
+void MailboxWriter::close() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+FrameReader::~FrameReader() {
+  if (fd_ >= 0) ::close(fd_);
+}
+
+bool FrameReader::open(const std::string& path, std::string* error) {
+  path_ = path;
+  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *error = openFailure(path, errno);
+    return false;
+  }
+  if (!isFifo(fd)) {
+    ::close(fd);
+    *error = path + " is not a named pipe";
+    return false;
+  }
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = fd;
+  return true;
+}
+
+// A FIFO whose writers have all gone reports a hangup for ever; a fresh
+// descriptor waits for the next writer instead. It is opened before the old
+// one closes, so that the pipe keeps a reader and loses nothing.
+bool FrameReader::reopen(std::string* error) {
+  int old = fd_;
+  fd_ = -1;
+  bool ok = open(path_, error);
+  if (old >= 0) ::close(old);
+  return ok;
+}
+
+bool FrameAssembler::next(std::string* frame) {
+  if (buffer_.size() < kFrameLengthSize) return false;
+  MemoryInputBuffer prefix(buffer_.data(), kFrameLengthSize);
+  std::istream prefixStream(&prefix);
+  uint32_t length = 0;
+  bistream(prefixStream) >> length;
+  // A refused length gives no way to find the next frame: as the service's
+  // own reader does, take the following bytes as the next length.
+  std::size_t size = (length == 0 || length > kMaxPayloadLength) ? kFrameLengthSize : kFrameLengthSize + length;
+  if (buffer_.size() < size) return false;
+  frame->assign(buffer_, 0, size);
+  buffer_.erase(0, size);
+  return true;
+}
+
+std::string FrameAssembler::takeRest() {
+  std::string rest;
+  rest.swap(buffer_);
+  return rest;
+}
+
+FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* error) {
+  if (goneToReport_) {
+    goneToReport_ = false;
+    return Event::writersGone;
+  }
+  for (;;) {
+    if (frames_.next(frame)) return Event::frame;
+    if (fd_ < 0) {
+      *error = "no pipe open";
+      return Event::failed;
+    }
+    struct pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};
+    int ready = poll(fds, wakeFd >= 0 ? 2 : 1, deadline.pollTimeout());
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      *error = std::string("cannot wait for ") + path_ + ": " + std::strerror(errno);
+      return Event::failed;
+    }
+    if (ready == 0) return Event::timeout;
+    if (fds[0].revents != 0) {
+      char chunk[kMaxFrameSize];
+      ssize_t n = ::read(fd_, chunk, sizeof chunk);
+      if (n > 0) {
+        frames_.append(chunk, static_cast<std::size_t>(n));
+        continue;
+      }
+      if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+      if (n < 0) {
+        *error = std::string("cannot read ") + path_ + ": " + std::strerror(errno);
+        return Event::failed;
+      }
+      if (!reopen(error)) return Event::failed;
+      if (!frames_.empty()) {
+        // The writer went in the middle of a frame: show what came of it.
+        *frame = frames_.takeRest();
+        goneToReport_ = true;
+        return Event::frame;
+      }
+      return Event::writersGone;
+    }
+    if (wakeFd >= 0 && fds[1].revents != 0) return Event::woken;
+  }
+}
+
+}  // namespace peer

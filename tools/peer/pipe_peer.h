@@ -1,0 +1,108 @@
+// A peer's ends of the service's two named pipes, on plain descriptors so
+// that every wait has a bound: opening the mailbox never waits (an absent
+// reader is reported at once), a full mailbox is waited on until a deadline,
+// and frames are read from the notification pipe with a deadline and a wake
+// descriptor (a signalfd) that ends the wait.
+#ifndef DRAVIK_TOOLS_PEER_PIPE_PEER_H_
+#define DRAVIK_TOOLS_PEER_PIPE_PEER_H_
+
+#include <time.h>
+
+#include <string>
+
+namespace peer {
+
+// A point in time after which waits give up, or none.
+class Deadline {
+ public:
+  static Deadline never();
+  static Deadline after(double seconds);
+  bool passed() const;
+  // Milliseconds for poll(): -1 without a deadline, 0 once it has passed.
+  int pollTimeout() const;
+
+ private:
+  bool never_ = true;
+  struct timespec at_ = {0, 0};
+};
+
+// The writing end of the service's mailbox.
+class MailboxWriter {
+ public:
+  MailboxWriter() = default;
+  ~MailboxWriter();
+  MailboxWriter(const MailboxWriter&) = delete;
+  MailboxWriter& operator=(const MailboxWriter&) = delete;
+
+  // Opens `path` without waiting. False, with a one-line reason in `error`,
+  // when the pipe is missing, is no pipe, or has no reader (no daemon).
+  bool open(const std::string& path, std::string* error);
+  bool isOpen() const { return fd_ >= 0; }
+  // Writes the whole frame, waiting while the pipe is full, but not past
+  // `deadline`. False with the reason in `error`; a reader that has gone
+  // closes the writer.
+  bool write(const std::string& frame, const Deadline& deadline, std::string* error);
+  void close();
+
+ private:
+  int fd_ = -1;
+  std::string path_;
+};
+
+// Cuts a byte stream into frames as the service's reader does: a frame is
+// the 4-byte length and its payload; a length that no reader accepts (0 or
+// above 65536) comes alone, and the next frame is read from the bytes after
+// it.
+class FrameAssembler {
+ public:
+  void append(const char* bytes, std::size_t count) { buffer_.append(bytes, count); }
+  // The next whole frame, if the bytes hold one.
+  bool next(std::string* frame);
+  // Whatever is left of a frame cut short.
+  std::string takeRest();
+  bool empty() const { return buffer_.empty(); }
+
+ private:
+  std::string buffer_;
+};
+
+// Frames from the service's notification pipe.
+class FrameReader {
+ public:
+  enum class Event {
+    frame,        // a frame, or the bytes that stand for a refused one
+    timeout,      // the deadline passed
+    woken,        // the wake descriptor turned readable
+    writersGone,  // every writer closed the pipe (the service stopped)
+    failed,       // reading failed; the reason is in `error`
+  };
+
+  FrameReader() = default;
+  ~FrameReader();
+  FrameReader(const FrameReader&) = delete;
+  FrameReader& operator=(const FrameReader&) = delete;
+
+  // Opens `path` for reading without waiting for a writer. False with a
+  // one-line reason when the pipe is missing or is no pipe.
+  bool open(const std::string& path, std::string* error);
+
+  // Waits for the next frame until `deadline`, or until `wakeFd` (if not
+  // negative) is readable. A frame is the 4-byte length and its payload; a
+  // length that no reader accepts (0 or above 65536) comes alone, and the
+  // next frame is read from the bytes after it; a frame cut short by the
+  // writers' going comes with what there was of it. After writersGone the
+  // reader waits for the next writer.
+  Event next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* error);
+
+ private:
+  bool reopen(std::string* error);
+
+  int fd_ = -1;
+  std::string path_;
+  FrameAssembler frames_;
+  bool goneToReport_ = false;
+};
+
+}  // namespace peer
+
+#endif  // DRAVIK_TOOLS_PEER_PIPE_PEER_H_

@@ -1,0 +1,79 @@
+// A stand-in for the system log daemon: a datagram socket bound at /dev/log
+// (or another path) that collects the lines processes send with syslog(),
+// with each sender's pid. It is drained on a thread of its own, up to 64
+// datagrams per call: glibc's syslog() blocks once the socket's queue is
+// full, so a slow reader would throttle the process it watches.
+#ifndef DRAVIK_TOOLS_PEER_SYSLOG_READER_H_
+#define DRAVIK_TOOLS_PEER_SYSLOG_READER_H_
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+// A line as (priority, text), e.g. {LOG_ERR, "getMessage::..."}.
+using SyslogLine = std::pair<int, std::string>;
+
+// One datagram as glibc's syslog() formats it:
+//   "<PRI>Mmm dd hh:mm:ss IDENT: MESSAGE" (IDENT[PID] with LOG_PID).
+struct SyslogRecord {
+  pid_t pid = 0;        // the sender, from its credentials
+  int priority = 0;     // PRI & 7; -1 when the datagram is not in that format
+  std::string ident;    // the tag before ": "
+  std::string message;  // everything after ": ", as sent (a trailing newline too)
+  std::chrono::system_clock::time_point received;
+};
+
+// Splits a datagram into its parts. False when it is not in the format above.
+bool parseSyslogDatagram(const std::string& datagram, SyslogRecord* record);
+
+class SyslogReader {
+ public:
+  SyslogReader() = default;
+  ~SyslogReader();
+  SyslogReader(const SyslogReader&) = delete;
+  SyslogReader& operator=(const SyslogReader&) = delete;
+
+  // Called on the drain thread for each record as it arrives. Set before open().
+  void onRecord(std::function<void(const SyslogRecord&)> callback) { callback_ = std::move(callback); }
+
+  // Binds the socket at `path`, replacing a socket file left there, and
+  // starts draining. REQUIRES: the caller owns `path` (a private /dev).
+  bool open(const std::string& path, std::string* whyNot);
+  // Takes what is queued, stops draining, closes and removes the socket.
+  void close();
+
+  std::vector<SyslogRecord> records() const;
+  // The lines that `pid` has sent so far.
+  std::vector<SyslogLine> lines(pid_t pid) const;
+  std::size_t count(pid_t pid) const;
+  void clear();
+  // Returns once every datagram queued before the call has been collected
+  // (a marker sent now comes back through the queue).
+  bool flush(std::chrono::milliseconds timeout);
+  // Waits until the lines of `pid` satisfy `done`.
+  bool waitFor(pid_t pid, const std::function<bool(const std::vector<SyslogLine>&)>& done,
+               std::chrono::milliseconds timeout) const;
+
+ private:
+  void drain();
+
+  int fd_ = -1;
+  int stopRead_ = -1;
+  int stopWrite_ = -1;
+  std::string path_;
+  std::thread thread_;
+  std::function<void(const SyslogRecord&)> callback_;
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  std::vector<SyslogRecord> records_;
+  int markers_ = 0;
+};
+
+#endif  // DRAVIK_TOOLS_PEER_SYSLOG_READER_H_
