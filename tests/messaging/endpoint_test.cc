@@ -1,0 +1,178 @@
+// Named-pipe endpoints: making the pipe, the opens with their console
+// lines, refusing what is not a pipe, and a reader that follows its path
+// when the pipe is removed or replaced while no writer holds it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "messaging/binary_fifo.h"
+#include "messaging/wake_up.h"
+#include "tests/support/capture.h"
+#include "tests/support/pipes.h"
+#include "tests/support/store_files.h"
+#include "tests/support/wire.h"
+#include "tools/harness/temp_dir.h"
+
+namespace {
+
+class Marker : public BinaryCommand {
+ public:
+  int32_t getSelector() const override { return 31040; }
+};
+const SelectorRegistration registerMarker(31040, newMessage<Marker>);
+
+mode_t modeOf(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0 && S_ISFIFO(info.st_mode) ? info.st_mode & 07777 : 0;
+}
+
+// Waits (bounded) until `path` names a pipe again.
+bool waitForPipe(const std::string& path) {
+  for (int i = 0; i < 2000 && modeOf(path) == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return modeOf(path) != 0;
+}
+
+class EndpointTest : public ::testing::Test {
+ protected:
+  TempDir dir_;
+  ConsoleCapture console_;
+};
+
+TEST_F(EndpointTest, CreateMakesThePipeOnceAndReportsOnlyOtherFailures) {
+  mode_t mask = umask(022);
+  const std::string path = dir_.file("p"), missing = dir_.file("missing/p");
+  OutputFifo fifo(path.c_str());
+  fifo.create();
+  EXPECT_EQ(modeOf(fifo.path), 0644u);
+  chmod(fifo.path, 0600);
+  fifo.create();
+  EXPECT_EQ(modeOf(fifo.path), 0600u);
+  OutputFifo lost(missing.c_str());
+  lost.create();
+  umask(mask);
+  EXPECT_EQ(console_.takeErr(), "Failed to create FIFO");
+  lost.open();
+  EXPECT_EQ(console_.takeOut(), "Attempt to open output FIFO failed (no reader yet)\n");
+  EXPECT_TRUE(lost.stream.good());
+  EXPECT_FALSE(lost.stream.is_open());
+}
+
+TEST_F(EndpointTest, OutputOpensAtOnceWithoutAReaderAndOnlyOnce) {
+  std::string path = makeFifo(dir_.file("p"));
+  OutputFifo fifo(path.c_str());
+  fifo.close();  // never opened: nothing
+  EXPECT_TRUE(fifo.stream.good());
+  fifo.open();
+  fifo.open();
+  EXPECT_EQ(console_.takeOut(), "Opened output FIFO\n");
+  fifo.close();
+  fifo.open();
+  EXPECT_EQ(console_.takeOut(), "Opened output FIFO\n");
+}
+
+TEST_F(EndpointTest, WhatIsNotANamedPipeCannotBeOpened) {
+  std::string file = dir_.file("file"), link = dir_.file("link");
+  writeAll(openFd(file, O_WRONLY | O_CREAT).get(), "keep");
+  symlink(makeFifo(dir_.file("p")).c_str(), link.c_str());
+  for (const std::string& path : {file, link, dir_.path()}) {
+    BinaryOutputFifo out(path.c_str());
+    out.open();
+    EXPECT_EQ(console_.takeErr(), "<time> Error: Attempt to open binary output FIFO failed: " + path + "\n");
+    BinaryInputFifo in(path.c_str());
+    EXPECT_THROW(in.open(), std::ios_base::failure) << path;
+    EXPECT_EQ(in.stream.buffer().failure(), "not a named pipe") << path;
+  }
+  EXPECT_EQ(readFile(file), "keep");
+}
+
+TEST_F(EndpointTest, InputOpenWaitsForAWriterEvenOneThatLeavesAtOnce) {
+  std::string path = makeFifo(dir_.file("p"));
+  InputFifo fifo(path.c_str());
+  std::thread writer([&] { Fd(openFd(path, O_WRONLY)); });
+  fifo.open();
+  writer.join();
+  EXPECT_TRUE(fifo.stream.is_open());
+
+  InputFifo woken(path.c_str());
+  WakeUp wake;
+  woken.stream.buffer().wakeOn({wake.fd()});
+  wake.trigger();
+  woken.open();
+  EXPECT_TRUE(woken.stream.fail());
+  EXPECT_TRUE(woken.stream.buffer().interrupted());
+  const std::string absent = dir_.file("absent");
+  InputFifo missing(absent.c_str());
+  missing.open();
+  EXPECT_TRUE(missing.stream.fail());
+}
+
+class FollowingReaderTest : public EndpointTest {
+ protected:
+  void SetUp() override {
+    path_ = makeFifo(dir_.file("mailbox"));
+    chmod(path_.c_str(), 0604);
+    fifo_ = std::make_unique<BinaryInputFifo>(path_.c_str());
+    // The first writer leaves: end of file, then a fresh descriptor.
+    std::thread writer([&] { writeAll(openFd(path_, O_WRONLY).get(), frame(Header{31040, 1, 13, 1})); });
+    fifo_->open();
+    writer.join();
+    delete fifo_->getMessage();
+    EXPECT_EQ(fifo_->getMessage(), nullptr);
+    ASSERT_TRUE(fifo_->stream.reopen());
+    fifo_->stream.clear();
+    console_.takeErr();
+    console_.takeOut();
+  }
+  // The id of the next message, read on another thread while the test acts.
+  std::future<int32_t> nextId() {
+    return std::async(std::launch::async, [this] {
+      std::unique_ptr<BinaryMessage> m(fifo_->getMessage());
+      return m ? m->id : -1;
+    });
+  }
+  void sendThroughPath(int32_t id) {
+    ASSERT_TRUE(waitForPipe(path_));
+    writeAll(openFd(path_, O_WRONLY).get(), frame(Header{31040, 1, 13, id}));
+  }
+  std::string path_;
+  std::unique_ptr<BinaryInputFifo> fifo_;
+};
+
+TEST_F(FollowingReaderTest, RemovedPipeIsMadeAgainWithItsMode) {
+  auto id = nextId();
+  ASSERT_EQ(unlink(path_.c_str()), 0);
+  sendThroughPath(2);
+  EXPECT_EQ(id.get(), 2);
+  EXPECT_EQ(modeOf(path_), 0604u);
+}
+
+TEST_F(FollowingReaderTest, ReplacedPipeIsFollowed) {
+  auto id = nextId();
+  std::string other = makeFifo(dir_.file("other"));
+  ASSERT_EQ(rename(other.c_str(), path_.c_str()), 0);
+  sendThroughPath(3);
+  EXPECT_EQ(id.get(), 3);
+}
+
+TEST_F(FollowingReaderTest, WriterOfTheOldPipeIsServedToItsEnd) {
+  Fd old = openFd(path_, O_WRONLY);
+  auto first = nextId();
+  std::string other = makeFifo(dir_.file("other"));
+  ASSERT_EQ(rename(other.c_str(), path_.c_str()), 0);
+  writeAll(old.get(), frame(Header{31040, 1, 13, 4}));
+  EXPECT_EQ(first.get(), 4);
+  old.reset();
+  EXPECT_EQ(fifo_->getMessage(), nullptr);  // its end of file
+  ASSERT_TRUE(fifo_->stream.reopen());       // what the service does then
+  fifo_->stream.clear();
+  auto second = nextId();
+  sendThroughPath(5);
+  EXPECT_EQ(second.get(), 5);
+}
+
+}  // namespace
