@@ -43,6 +43,9 @@ void DaemonFixture::TearDown() {
 }
 
 void DaemonFixture::start(const std::vector<std::string>& args, const ChildOptions& options) {
+  // A mailbox left open here would be the child's too until it execs, and
+  // would pass for the daemon's own below.
+  mailbox_.close();
   std::string why;
   daemon_ = std::make_unique<ChildProcess>();
   ASSERT_TRUE(daemon_->start(dravikBinary(), "dravik", args, options, &why)) << why;

@@ -1,0 +1,306 @@
+// What needs the real process: exit statuses and getopt's text, the start
+// and stop lines, a stop in each phase of the main thread, the first-writer
+// wait, writers that come and go, a mailbox that is removed or replaced,
+// idle CPU, the timed schedule, and what the daemon refuses to do for an
+// unprivileged peer.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "tests/e2e/daemon_fixture.h"
+#include "tests/support/store_files.h"
+#include "tests/support/wire.h"
+#include "tools/harness/sandbox.h"
+
+namespace {
+
+const std::string kOpening = "<time> Info: Opening binary input FIFO: /tmp/dravik.mailbox\n";
+const std::string kEndOfFile = "<time> Error: Exception ocurred reading message: basic_ios::clear: iostream error\n";
+const SyslogLine kBanner = info("Running Halvora Parameter Storage Service (dravik)");
+const SyslogLine kEmpty = info("API: Input FIFO is empty");
+
+std::vector<SyslogLine> startLines(const std::string& delay, bool dispatcher = true) {
+  std::vector<SyslogLine> lines = {kBanner, info("API: starting dispatcher with sleep=" + delay),
+                                   info("API: creating command (input) FIFO"),
+                                   info("API: creating notification (output) FIFO")};
+  if (dispatcher) {
+    lines.push_back(info("API: creating dispatcher thread"));
+    lines.push_back(info("API: starting dispatcher"));
+  }
+  return lines;
+}
+
+std::vector<SyslogLine> stopLines(int signal, bool dispatcher = true) {
+  std::vector<SyslogLine> lines = {info("Dravik API")};
+  if (signal != 0) lines.push_back(err("Received signal: " + std::to_string(signal) + " - stopping"));
+  if (dispatcher) {
+    for (const char* text : {"API: Signaling thread exit", "API: Waiting for thread termination",
+                             "API: exiting dispatcher", "API: Thread has exited"}) {
+      lines.push_back(info(text));
+    }
+  }
+  return lines;
+}
+
+std::vector<SyslogLine> concat(std::vector<SyslogLine> a, const std::vector<SyslogLine>& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+using DaemonTest = DaemonFixture;
+
+TEST_F(DaemonTest, BadOptionsEndWithStatus127AfterTheBanner) {
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"-x"}, "dravik: invalid option -- 'x'\n"},
+      {{"-d"}, ""},
+      {{"-q", "-s"}, "dravik: option requires an argument -- 's'\n"},
+  };
+  for (const auto& row : rows) {
+    ChildProcess child;
+    std::string why;
+    ASSERT_TRUE(child.start(dravikBinary(), "dravik", row.first, {}, &why)) << why;
+    std::optional<int> status = child.wait(kGuard);
+    ASSERT_TRUE(status);
+    EXPECT_EQ(describeWaitStatus(*status), "exited with status 127") << row.second;
+    EXPECT_EQ(child.err(), row.second);
+    syslog_.flush(kGuard);
+    EXPECT_EQ(syslog_.lines(child.pid()), std::vector<SyslogLine>{kBanner}) << row.second;
+    EXPECT_FALSE(fileExists(kMailbox));
+  }
+}
+
+TEST_F(DaemonTest, EachStopSignalEndsWithStatus1AndTheStopLines) {
+  const std::pair<int, std::vector<std::string>> rows[] = {
+      {SIGTERM, {"-s", "1000"}}, {SIGINT, {"-s", "0x3E8"}}, {SIGHUP, {"-s", "1000"}}, {SIGQUIT, {"-s", "1000"}},
+      {0, {"-q", "-s", "1000"}}};
+  for (const auto& row : rows) {
+    ASSERT_NO_FATAL_FAILURE(start(row.second));
+    ASSERT_NO_FATAL_FAILURE(connect());
+    EXPECT_EQ(stop(row.first == 0 ? SIGTERM : row.first), "exited with status 1");
+    EXPECT_EQ(log(), concat(startLines("1000"), stopLines(row.first)));
+    EXPECT_EQ(maskLogTime(daemon_->out()), kOpening);
+    EXPECT_EQ(daemon_->err(), "");
+  }
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "0xffffffff"}));
+  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
+  EXPECT_EQ(log(), concat(startLines("-1", false), stopLines(SIGTERM, false)));
+}
+
+TEST_F(DaemonTest, FirstWriterEndsTheWaitEvenIfItSendsNothing) {
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+  Fd(openFd(kMailbox, O_WRONLY));
+  ASSERT_TRUE(waitForLine(kEmpty));
+  EXPECT_EQ(log(), concat(startLines("1000"), {kEmpty}));
+  EXPECT_TRUE(daemon_->waitForErr(kEndOfFile.substr(6), kGuard));
+  // The next writer is served.
+  ASSERT_NO_FATAL_FAILURE(connect());
+  EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
+}
+
+TEST_F(DaemonTest, WritersComeAndGoWithOneEmptyLineEach) {
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+  ASSERT_NO_FATAL_FAILURE(connect());
+  for (int round = 1; round <= 2; ++round) {
+    EXPECT_EQ(exchange(frame(Header{13001, 2, 13, round}, be32(3))).frames.size(), 1u);
+    mailbox_.close();
+    ASSERT_TRUE(waitForLine(kEmpty, static_cast<std::size_t>(round)));
+    // Idle without a writer, then with a silent one: no CPU spent.
+    double before = daemon_->cpuSeconds();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    std::string error;
+    ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_LT(daemon_->cpuSeconds() - before, 0.05);
+  }
+  std::vector<SyslogLine> lines = log();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), kEmpty), 2);
+}
+
+TEST_F(DaemonTest, MailboxRemovedOrReplacedWhileIdleIsFollowed) {
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+  ASSERT_NO_FATAL_FAILURE(connect());
+  mailbox_.close();
+  ASSERT_TRUE(waitForLine(kEmpty));
+  chmod(kMailbox, 0666);
+  ASSERT_EQ(unlink(kMailbox), 0);
+  for (int i = 0; i < 1000 && !fileExists(kMailbox); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  struct stat info;
+  ASSERT_EQ(lstat(kMailbox, &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0666u);
+  ASSERT_NO_FATAL_FAILURE(connect());
+  EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
+  mailbox_.close();
+  ASSERT_TRUE(waitForLine(kEmpty, 2));
+  makeFifo("/tmp/replacement");
+  ASSERT_EQ(rename("/tmp/replacement", kMailbox), 0);
+  std::string error;
+  for (int i = 0; i < 1000 && !mailbox_.open(kMailbox, &error); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 2}, be32(3))).frames.size(), 1u);
+}
+
+TEST_F(DaemonTest, MailboxThatCannotBeMadeAgainIsReportedOncePerStretch) {
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+  ASSERT_NO_FATAL_FAILURE(connect());
+  mailbox_.close();
+  ASSERT_TRUE(waitForLine(kEmpty));
+  // A read-only file system over /tmp hides the daemon's directory; the
+  // mailbox is then removed below it, through a descriptor kept from before.
+  Fd lower = openFd("/tmp", O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(mount("ro", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0) << std::strerror(errno);
+  ASSERT_EQ(unlinkat(lower.get(), "dravik.mailbox", 0), 0);
+  ASSERT_TRUE(daemon_->waitForErr("Failed to create FIFO\n", kGuard));
+  // Another try while the file system stays read-only: nothing more said.
+  ASSERT_EQ(mkfifoat(lower.get(), "dravik.mailbox", 0666), 0);
+  ASSERT_EQ(umount("/tmp"), 0);
+  // Back: the pipe made below is found at the next change of the name.
+  ASSERT_EQ(mkfifoat(lower.get(), "next", 0666), 0);
+  ASSERT_EQ(renameat(lower.get(), "next", lower.get(), "dravik.mailbox"), 0);
+  std::string error;
+  for (int i = 0; i < 1000 && !mailbox_.open(kMailbox, &error); ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
+  EXPECT_EQ(maskLogTime(daemon_->err()), kEndOfFile + "Failed to create FIFO\n");
+}
+
+// Fills the notification pipe with a frame of junk, leaving `room` bytes.
+Fd fillNotificationPipe(std::size_t room) {
+  makeFifo(kComm);
+  Fd holder = openFd(kComm, O_RDWR | O_NONBLOCK);
+  int size = fcntl(holder.get(), F_GETPIPE_SZ);
+  writeAll(holder.get(), std::string(static_cast<std::size_t>(size) - room, 'j'));
+  return holder;
+}
+
+TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
+  // The dispatcher blocked: a reset cannot be announced.
+  Fd full = fillNotificationPipe(10);
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+  std::string error;
+  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_TRUE(mailbox_.write(frame(Header{13005, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
+  ASSERT_TRUE(waitForLine(info("RestoreFactoryFilterNotification::toStream channel=1")));
+  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
+  std::vector<SyslogLine> lines = log();
+  EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 6, lines.end()), stopLines(SIGTERM));
+
+  // The main thread blocked in the start-up restore: nothing after it runs.
+  writeFile(calibrationPath(0), "zero");
+  writeFile(calibrationPath(1), "one");
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "0"}));
+  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_TRUE(waitForLine(info("toStream channel=0 length=4")));
+  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
+  lines = log();
+  EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 6, lines.end()), stopLines(SIGTERM));
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), info("Restoring Zek Calibration for ch=1")), 0);
+}
+
+class AcceleratedTest : public DaemonFixture {
+ protected:
+  void SetUp() override {
+    DaemonFixture::SetUp();
+    std::string why;
+    clock_ = acceleratedClock(&why);
+    if (clock_.empty()) GTEST_SKIP() << why;
+  }
+  std::vector<std::string> clock_;
+};
+
+TEST_F(AcceleratedTest, StopBetweenFilterRestoresRunsNoneOfTheRest) {
+  for (int ch = 0; ch < 4; ++ch) writeFile(filterPath(ch), "<f/>");
+  Fd full = fillNotificationPipe(155);  // room for the first filter's 105-byte frame only
+  ChildOptions options;
+  options.environment = clock_;
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "0"}, options));
+  std::string error;
+  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_TRUE(waitForLine(info("RestoreZekAnalyticsFilter:: for ch=1")));
+  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
+  std::vector<SyslogLine> lines = log();
+  EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 7, lines.end()),
+            concat({info("RestoreZekAnalyticsFilter:: for ch=1")}, stopLines(SIGTERM)));
+}
+
+TEST_F(AcceleratedTest, ScheduleKeepsItsWaits) {
+  // Frame times come from the daemon's accelerated clock: a second of its
+  // time is a millisecond here, so the waits show in its own timestamps.
+  writeFile(calibrationPath(0), "zero");
+  ChildOptions options;
+  options.environment = clock_;
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "7"}, options));
+  ASSERT_NO_FATAL_FAILURE(connect());
+  std::vector<int64_t> seconds;
+  int64_t first = 0;
+  for (int i = 0; i < 9; ++i) {
+    std::string f = nextFrame();
+    int64_t ms = (static_cast<int64_t>(static_cast<uint32_t>(be32At(f, 24))) << 32) | static_cast<uint32_t>(be32At(f, 28));
+    if (i == 0) first = ms;
+    seconds.push_back((ms - first + 500) / 1000);
+  }
+  // Restore of channel 0, then four requests 45 s apart 16 + 5 + 1800 s
+  // later, and the next cycle 3600 s after the last wait of this one.
+  const int64_t expected[] = {0, 1821, 1866, 1911, 1956, 5601, 5646, 5691, 5736};
+  for (int i = 0; i < 9; ++i) {
+    EXPECT_GE(seconds[i], expected[i]) << "frame " << i;
+    EXPECT_LE(seconds[i], expected[i] + 60) << "frame " << i;
+  }
+}
+
+class PrivilegeTest : public DaemonFixture {
+ protected:
+  void SetUp() override {
+    if (sandbox::inUserNamespace()) GTEST_SKIP() << "needs the real root to run the daemon as another user";
+    DaemonFixture::SetUp();
+  }
+};
+
+TEST_F(PrivilegeTest, UnprivilegedDaemonCannotMoveAFileItCannotReach) {
+  const uid_t user = 4242;
+  for (const char* dir : {"/etc/sysconfig/dravik/zek/cal", "/etc/sysconfig/dravik/zek/tbe"}) chown(dir, user, user);
+  mkdir("/etc/sysconfig/dravik/secret", 0700);
+  const std::string secret = "/etc/sysconfig/dravik/secret/root.xml";
+  writeFile(secret, "<root/>");
+  ChildOptions options;
+  options.uid = user;
+  options.gid = user;
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}, options));
+  chmod(kMailbox, 0666);
+  chmod(kComm, 0666);
+  ASSERT_NO_FATAL_FAILURE(connect());
+  exchange(frame(Header{13004, 100, 13, 1}, be32(1) + str(secret)));
+  Reply saved = exchange(frame(Header{13006, 2, 13, 2}, be32(1) + be32(0)));
+  EXPECT_EQ(saved.lines, (std::vector<SyslogLine>{
+                             info("Saving Analytics Filter To file for ch=1 FileName:: " + secret),
+                             err("SaveAnalyticsFilterFile: Error renaming " + secret + " to " + filterPath(1) +
+                                 ": Permission denied\n")}));
+  EXPECT_EQ(readFile(secret), "<root/>");
+  EXPECT_FALSE(fileExists(filterPath(1)));
+}
+
+TEST_F(DaemonTest, SymlinkWhereTheNotificationPipeShouldBeGetsNothing) {
+  const std::string target = "/etc/sysconfig/root-only";
+  writeFile(target, "");
+  chmod(target.c_str(), 0600);
+  ASSERT_EQ(symlink(target.c_str(), kComm), 0);
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+  std::string error;
+  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_TRUE(mailbox_.write(frame(Header{13001, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
+  ASSERT_TRUE(waitForLine(info("ResetCalibrationNotification::toStream channel=1")));
+  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
+  EXPECT_EQ(readFile(target), "");
+  EXPECT_EQ(maskLogTime(daemon_->err()).rfind(
+                "<time> Error: Attempt to open binary output FIFO failed: /tmp/comm.mailbox\n", 0),
+            0u);
+}
+
+}  // namespace
