@@ -3,6 +3,7 @@
 // buffer. Refused frames are a normal outcome; crashes, leaks and undefined
 // behaviour are not.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -99,21 +100,26 @@ void writeAll(int fd, const uint8_t* data, size_t size) {
 }
 
 // One pipe and one reader for the whole run: opening a reader costs an
-// inotify instance, whose release takes milliseconds. The pipe's first read
-// end stays open as the anchor of the path by which everybody opens it.
+// inotify instance, whose release takes milliseconds. Each input comes from
+// a writer that opens the pipe, writes and goes, so the reader meets end of
+// file after it and reopens as the service does.
 struct Mailbox {
   Mailbox() {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) fail("pipe2");
-    if (fcntl(fds[1], F_SETPIPE_SZ, kPipeCapacity) < kPipeCapacity) fail("F_SETPIPE_SZ");
-    path = "/proc/self/fd/" + std::to_string(fds[0]);
+    char dir[] = "/tmp/dravik-fuzz.XXXXXX";
+    if (mkdtemp(dir) == nullptr) fail("mkdtemp");
+    path = std::string(dir) + "/mailbox";
+    if (mkfifo(path.c_str(), 0600) != 0) fail("mkfifo");
+    int first = ::open(path.c_str(), O_RDWR | O_CLOEXEC);  // a writer, so that open() does not wait
+    if (first < 0 || fcntl(first, F_SETPIPE_SZ, kPipeCapacity) < kPipeCapacity) fail("F_SETPIPE_SZ");
     reader = new BinaryInputFifo(path.c_str());
     try {
-      reader->open();  // the write end is still open: no wait
+      reader->open();
     } catch (const std::ios_base::failure&) {
       fail(path.c_str());
     }
-    ::close(fds[1]);
+    ::close(first);
+    reader->stream.clear();
+    if (!reader->stream.reopen()) fail("reopen");
   }
 
   std::string path;
