@@ -10,7 +10,7 @@ CMAKE_ARGS ?=
 # EXTRA_DEPS (sanitizer runtimes, fuzzing, cross compilers, qemu).
 DEPS := cmake make g++ clang ninja-build libgtest-dev libgmock-dev googletest util-linux faketime $(EXTRA_DEPS)
 
-.PHONY: all deps configure build test run clean
+.PHONY: all deps configure build test run clean stats
 
 all: build
 
@@ -78,3 +78,17 @@ bench-smoke:
 	bash bench/callgrind.sh $(BENCH_BUILD) 50
 	$(BENCH_BUILD)/bench/dravik_microbench --benchmark_min_time=0.01
 	$(BENCH_BUILD)/bench/dravik_bench --smoke --callgrind-results $(BENCH_BUILD)/callgrind/result.txt
+
+# The share of test code: non-blank lines of tracked sources (.cc .h .c .cpp
+# .py .sh and CMakeLists.txt, outside packaging/, docs/, cmake/, .ci/ and the
+# top-level CMakeLists.txt); tests/, fuzz/ (not its corpus) and testing/
+# are test code.
+stats:
+	@git ls-files | grep -E '(\.(cc|h|c|cpp|hpp|py|sh)|CMakeLists\.txt)$$' \
+	  | grep -vE '^(packaging|docs|cmake|\.ci)/|^CMakeLists\.txt$$|^fuzz/corpus/' \
+	  | while read -r f; do \
+	      n=$$(grep -c -v '^[[:space:]]*$$' "$$f"); \
+	      case $$f in tests/*|fuzz/*|testing/*) echo "test $$n";; *) echo "code $$n";; esac; \
+	    done \
+	  | awk '{s[$$1]+=$$2} END {t=s["test"]; c=s["code"]; \
+	      printf "test code: %d lines\nother code: %d lines\ntest share: %.1f %%\n", t, c, 100*t/(t+c)}'

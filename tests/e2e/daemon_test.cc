@@ -198,6 +198,7 @@ TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
   ASSERT_NO_FATAL_FAILURE(start({"-s", "0"}));
   ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
   ASSERT_TRUE(waitForLine(info("toStream channel=0 length=4")));
+  ASSERT_TRUE(waitForLine(info("API: starting dispatcher")));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
   lines = log();
   EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 6, lines.end()), stopLines(SIGTERM));
@@ -238,20 +239,20 @@ TEST_F(AcceleratedTest, ScheduleKeepsItsWaits) {
   options.environment = clock_;
   ASSERT_NO_FATAL_FAILURE(start({"-s", "7"}, options));
   ASSERT_NO_FATAL_FAILURE(connect());
-  std::vector<int64_t> seconds;
-  int64_t first = 0;
+  std::vector<int64_t> ms;
   for (int i = 0; i < 9; ++i) {
     std::string f = nextFrame();
-    int64_t ms = (static_cast<int64_t>(static_cast<uint32_t>(be32At(f, 24))) << 32) | static_cast<uint32_t>(be32At(f, 28));
-    if (i == 0) first = ms;
-    seconds.push_back((ms - first + 500) / 1000);
+    ms.push_back((static_cast<int64_t>(static_cast<uint32_t>(be32At(f, 24))) << 32) |
+                 static_cast<uint32_t>(be32At(f, 28)));
   }
   // Restore of channel 0, then four requests 45 s apart 16 + 5 + 1800 s
-  // later, and the next cycle 3600 s after the last wait of this one.
-  const int64_t expected[] = {0, 1821, 1866, 1911, 1956, 5601, 5646, 5691, 5736};
-  for (int i = 0; i < 9; ++i) {
-    EXPECT_GE(seconds[i], expected[i]) << "frame " << i;
-    EXPECT_LE(seconds[i], expected[i] + 60) << "frame " << i;
+  // later, and the next cycle 3600 s after the last wait of this one. A
+  // wait is never shorter; a loaded machine may make it longer.
+  const int64_t waits[] = {1821, 45, 45, 45, 3645, 45, 45, 45};
+  for (int i = 0; i < 8; ++i) {
+    int64_t seconds = (ms[i + 1] - ms[i]) / 1000;
+    EXPECT_GE(seconds, waits[i]) << "wait " << i;
+    EXPECT_LT(seconds, 2 * waits[i]) << "wait " << i;
   }
 }
 

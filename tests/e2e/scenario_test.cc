@@ -23,12 +23,6 @@ class BinaryDriver : public ScenarioDriver, public DaemonFixture {
   using DaemonFixture::TearDown;
 
  protected:
-  std::string cannotRun(const Scenario& scenario) override {
-    std::string why;
-    if (usesSchedule(scenario) && acceleratedClock(&why).empty()) return why;
-    return "";
-  }
-
   void start(const Scenario& scenario) override {
     ChildOptions options;
     std::string why;
@@ -86,11 +80,19 @@ class BinaryDriver : public ScenarioDriver, public DaemonFixture {
   std::size_t errSeen_ = 0;
 };
 
-TEST(BinaryScenarioTest, EveryScenario) {
+class BinaryScenarioTest : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(BinaryScenarioTest, Replays) {
+  const Scenario& scenario = scenarios()[GetParam()];
+  std::string why;
+  if (usesSchedule(scenario) && acceleratedClock(&why).empty()) GTEST_SKIP() << why;
   BinaryDriver driver;
   driver.SetUp();
-  if (!::testing::Test::HasFatalFailure()) driver.runAll();
+  if (!HasFatalFailure()) driver.run(scenario);
   driver.TearDown();
 }
+
+INSTANTIATE_TEST_SUITE_P(Table, BinaryScenarioTest, ::testing::Range<std::size_t>(0, scenarios().size()),
+                         scenarioName);
 
 }  // namespace

@@ -73,9 +73,14 @@ class InProcessDriver : public ScenarioDriver {
   SyslogCapture syslog_;
 };
 
-TEST(InProcessScenarioTest, EveryScenario) {
+class InProcessScenarioTest : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(InProcessScenarioTest, Replays) {
   InProcessDriver driver;
-  driver.runAll();
+  driver.run(scenarios()[GetParam()]);
 }
+
+INSTANTIATE_TEST_SUITE_P(Table, InProcessScenarioTest, ::testing::Range<std::size_t>(0, scenarios().size()),
+                         scenarioName);
 
 }  // namespace

@@ -6,6 +6,8 @@
 #ifndef DRAVIK_TESTS_SERVICE_SCENARIOS_H_
 #define DRAVIK_TESTS_SERVICE_SCENARIOS_H_
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -56,8 +58,8 @@ struct Observed {
 class ScenarioDriver {
  public:
   virtual ~ScenarioDriver() = default;
-  // Runs every scenario, each from an empty store and fresh pipes.
-  void runAll();
+  // Runs a scenario from an empty store and fresh pipes.
+  void run(const Scenario& scenario);
 
  protected:
   // Starts the service for `scenario` (its store is in place).
@@ -66,11 +68,8 @@ class ScenarioDriver {
   // how many frames and lines to wait for where there is no fence.
   virtual Observed perform(const Step& step, const std::string& frameIn, const Step& expected) = 0;
   virtual void stop() = 0;
-  // Whether the driver can run the scenario; a reason to skip it if not.
-  virtual std::string cannotRun(const Scenario&) { return ""; }
 
  private:
-  void run(const Scenario& scenario);
   void setUp(const Scenario& scenario);
   std::string substitute(const std::string& text) const;
   int32_t requestIds_[4] = {0, 0, 0, 0};
@@ -78,5 +77,8 @@ class ScenarioDriver {
 
 // Whether a scenario needs the daemon's schedule (restore or requests).
 bool usesSchedule(const Scenario& scenario);
+
+// A test name for each row: "ResetOfAllChannelsRemovesEveryStoreFile...".
+std::string scenarioName(const ::testing::TestParamInfo<std::size_t>& row);
 
 #endif  // DRAVIK_TESTS_SERVICE_SCENARIOS_H_
