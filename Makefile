@@ -3,7 +3,9 @@
 #   make test   build and pass the whole test suite
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
-CMAKE_GEN := $(shell command -v ninja >/dev/null 2>&1 && echo -G Ninja)
+# Ninja when it is installed, chosen by the shell when cmake runs, that is
+# after `deps` may just have installed it.
+CMAKE_GEN = $$(command -v ninja >/dev/null 2>&1 && echo -G Ninja)
 CMAKE_ARGS ?=
 
 # Debian packages the build and the tests need; CI adds its own through
@@ -14,14 +16,16 @@ DEPS := cmake make g++ clang ninja-build libgtest-dev libgmock-dev googletest ut
 
 all: build
 
+# Installs what is missing (root), or prints the one line that does (others).
 deps:
-	@missing=$$(for p in $(DEPS); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'ok installed' || echo $$p; done); \
+	@missing=$$(for p in $(DEPS); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'ok installed' || echo $$p; done | tr '\n' ' '); \
+	missing=$${missing% }; \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ]; then \
-	    echo "Installing:" $$missing; \
-	    apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null || exit 1; \
+	    echo "Installing: $$missing"; \
+	    apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y $$missing || exit 1; \
 	  else \
-	    echo "Missing packages. Run as root:"; \
+	    echo "Missing Debian packages. Install them as root, then run make again:"; \
 	    echo "  apt-get update && apt-get install -y $$missing"; \
 	    exit 1; \
 	  fi; \

@@ -21,3 +21,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+# GCC notes where the ARM calling convention of a type changed between GCC
+# releases ("parameter passing for argument of type ... changed in GCC 7.1").
+# Every object of the program is built by the same compiler, so those ABI
+# differences never meet.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")

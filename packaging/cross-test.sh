@@ -1,7 +1,9 @@
 #!/bin/sh
 # Cross-builds dravik for an ARM target with Debian's cross compilers, runs
 # the unit tests under qemu-user, reports the daemon's stripped size and
-# shared libraries, and then runs the end-to-end suite under qemu when it can.
+# shared libraries, builds and checks the target's Debian package
+# (packaging/check-deb.sh), and then runs the end-to-end suite under qemu
+# when it can.
 #
 #   packaging/cross-test.sh ARCH [BUILD_DIR]
 #
@@ -16,8 +18,8 @@
 # suite runs in a user namespace with a binfmt_misc instance of its own
 # (Linux 6.7 or later), which leaves the machine's registrations untouched.
 #
-# Exit status: 0 when the build, the unit tests and (if run) the end-to-end
-# tests pass; 1 otherwise; 2 on bad usage.
+# Exit status: 0 when the build, the unit tests, the package check and (if
+# run) the end-to-end tests pass; 1 otherwise; 2 on bad usage.
 set -eu
 
 usage() {
@@ -47,6 +49,9 @@ command -v "$qemu" >/dev/null 2>&1 || missing="$missing qemu-user"
 [ -f /usr/src/googletest/CMakeLists.txt ] || missing="$missing googletest"
 command -v cmake >/dev/null 2>&1 || missing="$missing cmake"
 command -v ninja >/dev/null 2>&1 || missing="$missing ninja-build"
+command -v dpkg-shlibdeps >/dev/null 2>&1 || missing="$missing dpkg-dev"
+command -v lintian >/dev/null 2>&1 || missing="$missing lintian"
+command -v hardening-check >/dev/null 2>&1 || missing="$missing devscripts"
 if [ -n "$missing" ]; then
   if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then
     say "installing$missing"
@@ -80,6 +85,11 @@ stripped=$build/dravik.stripped
 size=$(wc -c <"$stripped")
 needed=$("$triple-readelf" -d "$stripped" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
 say "stripped dravik: $size bytes; NEEDED: $needed"
+
+say "Debian package for $arch"
+if ! JOBS=$jobs sh "$src/packaging/check-deb.sh" "$build"; then
+  status=1
+fi
 
 case $e2e in
   auto) if [ "$arch" = aarch64 ]; then e2e=yes-if-possible; else e2e=no; fi ;;
