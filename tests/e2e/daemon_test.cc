@@ -266,7 +266,9 @@ class PrivilegeTest : public DaemonFixture {
 
 TEST_F(PrivilegeTest, UnprivilegedDaemonCannotMoveAFileItCannotReach) {
   const uid_t user = 4242;
-  for (const char* dir : {"/etc/sysconfig/dravik/zek/cal", "/etc/sysconfig/dravik/zek/tbe"}) chown(dir, user, user);
+  for (const char* dir : {"/etc/sysconfig/dravik/zek/cal", "/etc/sysconfig/dravik/zek/tbe"}) {
+    ASSERT_EQ(chown(dir, user, user), 0);
+  }
   mkdir("/etc/sysconfig/dravik/secret", 0700);
   const std::string secret = "/etc/sysconfig/dravik/secret/root.xml";
   writeFile(secret, "<root/>");

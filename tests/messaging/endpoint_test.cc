@@ -77,8 +77,8 @@ TEST_F(EndpointTest, OutputOpensAtOnceWithoutAReaderAndOnlyOnce) {
 
 TEST_F(EndpointTest, WhatIsNotANamedPipeCannotBeOpened) {
   std::string file = dir_.file("file"), link = dir_.file("link");
-  writeAll(openFd(file, O_WRONLY | O_CREAT).get(), "keep");
-  symlink(makeFifo(dir_.file("p")).c_str(), link.c_str());
+  writeFile(file, "keep");
+  ASSERT_EQ(symlink(makeFifo(dir_.file("p")).c_str(), link.c_str()), 0);
   for (const std::string& path : {file, link, dir_.path()}) {
     BinaryOutputFifo out(path.c_str());
     out.open();

@@ -19,6 +19,7 @@ namespace {
 class InProcessDriver : public ScenarioDriver {
  protected:
   void start(const Scenario&) override {
+    stop();  // whatever an earlier test left open
     commandFifo.create();
     notificationFifo.create();
     BinaryMessage::defaultSender = kServiceEndpoint;

@@ -76,6 +76,7 @@ TEST(LifecycleTest, ScheduleRestoresThenRequestsHourly) {
   });
   EXPECT_THROW(RunSchedule(), std::runtime_error);
   SetSleeper(nullptr);
+  notificationFifo.close();
   const std::string cal = "Restoring Zek Calibration for ch=", filter = "RestoreZekAnalyticsFilter:: for ch=",
                     request = "Sending Zek Calibration Request for ch=";
   EXPECT_EQ(timeline, (std::vector<std::string>{

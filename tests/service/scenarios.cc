@@ -339,7 +339,6 @@ std::string ScenarioDriver::substitute(const std::string& text) const {
 }
 
 void ScenarioDriver::setUp(const Scenario& scenario) {
-  for (const char* dir : {kCalDir.c_str(), kTbeDir.c_str()}) umount2(dir, MNT_DETACH);
   ASSERT_TRUE(resetStoreAndPipes());
   for (const StoreFile& file : scenario.before) ASSERT_NO_FATAL_FAILURE(writeStoreFile(file));
   ASSERT_NO_FATAL_FAILURE(applyFault(scenario.fault));

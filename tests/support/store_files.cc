@@ -1,6 +1,7 @@
 #include "tests/support/store_files.h"
 
 #include <ftw.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -49,6 +50,8 @@ bool fileExists(const std::string& path) {
 void emptyDirectory(const char* dir) { nftw(dir, removeEntry, 16, FTW_DEPTH | FTW_PHYS); }
 
 bool resetStoreAndPipes() {
+  // A file system that a test mounted over a store directory goes first.
+  for (const char* dir : {"/etc/sysconfig/dravik/zek/cal", "/etc/sysconfig/dravik/zek/tbe"}) umount2(dir, MNT_DETACH);
   emptyDirectory("/tmp");
   emptyDirectory("/etc/sysconfig");
   for (const char* dir : {"/etc/sysconfig/dravik", "/etc/sysconfig/dravik/zek", "/etc/sysconfig/dravik/zek/cal",
