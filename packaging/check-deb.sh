@@ -1,7 +1,8 @@
 #!/bin/sh
 # Builds the Debian package with CPack and checks that it holds exactly the
-# installed files (daemon, dravikctl when built, systemd unit, tmpfiles.d
-# entry, man pages) and their directories, nothing more or less.
+# installed files (daemon, dravikctl and its Wireshark dissector when built,
+# systemd unit, tmpfiles.d entry, man pages) and their directories, nothing
+# more or less.
 #
 #   packaging/check-deb.sh [BUILD_DIR]     (default: build-deb in the source)
 #
@@ -55,6 +56,7 @@ trap 'rm -f "$expected" "$actual"' EXIT
   if [ "$with_ctl" = yes ]; then
     echo ./usr/bin/dravikctl
     echo ./usr/share/man/man1/dravikctl.1.gz
+    echo ./usr/share/dravik/dravik.lua
   fi
 } >"$expected.files"
 # Every parent directory of the files, as dpkg-deb lists them ("./usr/";
@@ -84,7 +86,7 @@ fi
 # Kinds and modes: programs executable, the rest plain files.
 dpkg-deb -c "$deb" | awk '
   $6 ~ /\/(sbin|bin)\/[^\/]+$/ && $1 != "-rwxr-xr-x" { print "check-deb: " $6 " is " $1 > "/dev/stderr"; bad = 1 }
-  $6 ~ /\.(service|conf|gz)$/    && $1 != "-rw-r--r--" { print "check-deb: " $6 " is " $1 > "/dev/stderr"; bad = 1 }
+  $6 ~ /\.(service|conf|gz|lua)$/ && $1 != "-rw-r--r--" { print "check-deb: " $6 " is " $1 > "/dev/stderr"; bad = 1 }
   END { exit bad }' || status=1
 
 # The control data names the package.

@@ -1,5 +1,7 @@
-// dravikctl: send messages to the dravik service, watch what it sends, and
-// play its peers.
+// dravikctl: send messages to the dravik service, watch it through a tap,
+// and play its peers.
+#include <signal.h>
+
 #include <csignal>
 #include <cstdio>
 
@@ -12,6 +14,12 @@ int main(int argc, char* argv[]) {
   // A reader that goes away shows up as EPIPE on the write, which is
   // reported, instead of killing the tool.
   std::signal(SIGPIPE, SIG_IGN);
+  // The tap learns of the traced threads' stops from SIGCHLD on a signalfd:
+  // blocked before any thread starts, so that every thread has it blocked.
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  sigprocmask(SIG_BLOCK, &child, nullptr);
 
   dravikctl::Options options;
   std::string error;
