@@ -287,7 +287,7 @@ bool printLine(const std::string& line) {
   return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
 }
 
-pid_t daemonPid(const Options& o, std::string* error) { return o.pid != 0 ? o.pid : findDaemon(error); }
+pid_t daemonPid(const Options& o, std::string* error) { return o.pid != 0 ? o.pid : findDaemon(o.mailbox, error); }
 
 bool mayReadNotifications(const Options& o, const std::string& what) {
   if (o.force) return true;

@@ -76,7 +76,7 @@ bool readsPipe(pid_t pid, const struct stat& pipe) {
 
 std::string descriptorTarget(pid_t pid, int fd) { return readLink(procPath(pid, "fd/" + std::to_string(fd))); }
 
-pid_t findDaemon(std::string* error) {
+pid_t findDaemon(const std::string& mailbox, std::string* error) {
   std::vector<pid_t> found;
   forEachProcess([&](pid_t pid) {
     std::string exe = readLink(procPath(pid, "exe"));
@@ -84,13 +84,29 @@ pid_t findDaemon(std::string* error) {
     if (firstLine(procPath(pid, "comm")) == "dravik" || base == "dravik") found.push_back(pid);
     return true;
   });
-  if (found.size() == 1) return found[0];
+  auto list = [](const std::vector<pid_t>& pids) {
+    std::string text;
+    for (pid_t pid : pids) text += " " + std::to_string(pid);
+    return text;
+  };
   if (found.empty()) {
     *error = "no dravik process is running (--pid N names one)";
+    return 0;
+  }
+  if (found.size() == 1) return found[0];
+  std::vector<pid_t> readers;
+  struct stat mailboxInfo;
+  if (stat(mailbox.c_str(), &mailboxInfo) == 0) {
+    for (pid_t pid : found) {
+      if (readsPipe(pid, mailboxInfo)) readers.push_back(pid);
+    }
+  }
+  if (readers.size() == 1) return readers[0];
+  if (readers.empty()) {
+    *error = "several dravik processes are running (pids" + list(found) + "), none of them reading " + mailbox +
+             ": choose one with --pid";
   } else {
-    *error = "several dravik processes are running (pids";
-    for (pid_t pid : found) *error += " " + std::to_string(pid);
-    *error += "): choose one with --pid";
+    *error = "several dravik processes read " + mailbox + " (pids" + list(readers) + "): choose one with --pid";
   }
   return 0;
 }

@@ -11,8 +11,9 @@
 namespace dravikctl {
 
 // The one process called dravik (by its command name or its executable's);
-// 0, with the reason in `error`, when there is none or several.
-pid_t findDaemon(std::string* error);
+// of several, the one that reads `mailbox` (others may serve other mount
+// namespaces). 0, with the reason in `error`, when there is none or no one.
+pid_t findDaemon(const std::string& mailbox, std::string* error);
 
 // The target of /proc/PID/fd/FD (" (deleted)" removed); empty if unreadable.
 std::string descriptorTarget(pid_t pid, int fd);

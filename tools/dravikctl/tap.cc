@@ -252,23 +252,21 @@ bool Tap::waitForStops(const peer::Deadline& deadline) {
 }
 
 bool Tap::collect(std::vector<TapEvent>* events, std::string* error) {
-  struct signalfd_siginfo info;
-  while (read(childSignals_, &info, sizeof info) > 0) {
+  // Drained before the threads are asked: a stop that comes after its
+  // thread's turn raises another SIGCHLD, which the next wait sees.
+  struct signalfd_siginfo infos[16];
+  while (read(childSignals_, infos, sizeof infos) == static_cast<ssize_t>(sizeof infos)) {
   }
-  // A stop that comes after its thread's turn in a pass raises another
-  // SIGCHLD, so no stop is left waiting once a pass finds none.
-  for (bool any = true; any && !threads_.empty();) {
-    any = false;
-    for (pid_t tid : threads()) {
+  std::vector<pid_t> asked;
+  for (std::vector<pid_t> tids = threads(); tids != asked; tids = threads()) {
+    // A thread born in this pass may have stopped before its birth was
+    // known (its SIGCHLD drained already): it is asked in another pass.
+    asked = tids;
+    for (pid_t tid : tids) {
       int status = 0;
       pid_t got = waitpid(tid, &status, WNOHANG | __WALL);
-      if (got == 0) continue;
-      if (got < 0) {
-        if (errno == ECHILD) threads_.erase(tid);
-        continue;
-      }
-      any = true;
-      if (!handle(tid, status, events, error)) return false;
+      if (got < 0 && errno == ECHILD) threads_.erase(tid);
+      if (got > 0 && !handle(tid, status, events, error)) return false;
     }
   }
   return !threads_.empty();
