@@ -262,7 +262,7 @@ int runOneShot(const Options& o, const BinaryMessage& message) {
     if (pid != 0 && tap.attach(pid, &whyNotWatched)) return WatchedCommand(o, message, writer, tap).run();
     whyNotWatched = "cannot tap dravik: " + whyNotWatched;
   }
-  if (o.command == "get-filter") return runUnwatchedGetFilter(o, writer, message);
+  if (o.command == "get-filter" && !o.noWait) return runUnwatchedGetFilter(o, writer, message);
   if (!writer.write(encodeFrame(message), Deadline::after(o.timeout), &error)) return fail(error);
   if (!o.noWait) fprintf(stderr, "dravikctl: sent; the outcome is not known (%s)\n", whyNotWatched.c_str());
   return kExitOk;

@@ -126,7 +126,12 @@ std::string whyNotTraced(pid_t pid, int error) {
   }
   if (error != EPERM) return "cannot trace " + who + ": " + std::strerror(error);
   pid_t tracer = static_cast<pid_t>(std::atoi(statusField(pid, "TracerPid").c_str()));
-  if (tracer != 0) return who + " is already traced by " + describeProcess(tracer) + "; end that tracer first";
+  if (tracer != 0) {
+    // ptrace allows one tracer: a second tap must wait for the first.
+    std::string by = describeProcess(tracer);
+    if (by.find(" (dravikctl)") != std::string::npos) return who + " is tapped already, by dravikctl " + by;
+    return who + " is already traced by " + by + "; end that tracer first";
+  }
   int scope = yamaScope();
   if (scope == 3) return "tracing is disabled on this machine until it restarts (kernel.yama.ptrace_scope=3)";
   if (haveCapSysPtrace()) {
