@@ -38,13 +38,6 @@ int gCat = -1;
 int gTshark = -1;
 std::string gSkip;  // why no tap can work here
 
-std::string firstLine(const std::string& path) {
-  std::ifstream file(path);
-  std::string line;
-  std::getline(file, line);
-  return line;
-}
-
 class TapTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -225,8 +218,9 @@ TEST_F(TapTest, DaemonOutlivesAKilledTool) {
 }
 
 TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
-  const std::string reader = "process " + std::to_string(consumer_.pid()) + " (" +
-                             firstLine("/proc/" + std::to_string(consumer_.pid()) + "/comm") + ") reads /tmp/comm.mailbox";
+  std::string comm;
+  std::ifstream("/proc/" + std::to_string(consumer_.pid()) + "/comm") >> comm;
+  const std::string reader = "process " + std::to_string(consumer_.pid()) + " (" + comm + ") reads /tmp/comm.mailbox";
   const struct {
     std::vector<std::string> args;
     bool tap;

@@ -1,25 +1,20 @@
 // dravikctl: send messages to the dravik service, watch it through a tap,
 // and play its peers.
-#include <signal.h>
-
 #include <csignal>
 #include <cstdio>
 
 #include "dravikctl_version.h"
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/options.h"
+#include "tools/dravikctl/tap.h"
 #include "tools/peer/frame_codec.h"
 
 int main(int argc, char* argv[]) {
   // A reader that goes away shows up as EPIPE on the write, which is
   // reported, instead of killing the tool.
   std::signal(SIGPIPE, SIG_IGN);
-  // The tap learns of the traced threads' stops from SIGCHLD on a signalfd:
-  // blocked before any thread starts, so that every thread has it blocked.
-  sigset_t child;
-  sigemptyset(&child);
-  sigaddset(&child, SIGCHLD);
-  sigprocmask(SIG_BLOCK, &child, nullptr);
+  // Before any thread starts, so that every thread has it blocked.
+  dravikctl::blockChildSignals();
 
   dravikctl::Options options;
   std::string error;

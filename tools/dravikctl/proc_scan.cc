@@ -123,6 +123,18 @@ std::vector<pid_t> otherReaders(const std::string& pipe, const std::string& mail
   return readers;
 }
 
+std::vector<pid_t> threadsOf(pid_t pid) {
+  std::vector<pid_t> threads;
+  std::string path = procPath(pid, "task");
+  DIR* dir = opendir(path.c_str());
+  if (dir == nullptr) return threads;
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] != '.') threads.push_back(static_cast<pid_t>(std::atoi(entry->d_name)));
+  }
+  closedir(dir);
+  return threads;
+}
+
 std::string describeProcess(pid_t pid) { return std::to_string(pid) + " (" + firstLine(procPath(pid, "comm")) + ")"; }
 
 }  // namespace dravikctl

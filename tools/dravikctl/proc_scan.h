@@ -23,6 +23,9 @@ std::string descriptorTarget(pid_t pid, int fd);
 // Processes whose descriptors this user may not see are not counted.
 std::vector<pid_t> otherReaders(const std::string& pipe, const std::string& mailbox);
 
+// The thread ids of process `pid` (/proc/PID/task); empty if it has gone.
+std::vector<pid_t> threadsOf(pid_t pid);
+
 // "1234 (simulate)" for messages.
 std::string describeProcess(pid_t pid);
 

@@ -1,6 +1,5 @@
 #include "tools/dravikctl/tap.h"
 
-#include <dirent.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/ptrace.h>
@@ -77,18 +76,6 @@ bool sendsDatagram(uint64_t call) {
   if (call == SYS_send) return true;
 #endif
   return call == SYS_sendto;
-}
-
-std::vector<pid_t> tasksOf(pid_t pid) {
-  std::vector<pid_t> tasks;
-  std::string path = "/proc/" + std::to_string(pid) + "/task";
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return tasks;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') tasks.push_back(static_cast<pid_t>(std::atoi(entry->d_name)));
-  }
-  closedir(dir);
-  return tasks;
 }
 
 // A field of /proc/PID/status, e.g. "TracerPid".
@@ -184,6 +171,13 @@ bool isStopSignal(int signal) { return signal == SIGSTOP || signal == SIGTSTP ||
 
 }  // namespace
 
+void blockChildSignals() {
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  pthread_sigmask(SIG_BLOCK, &child, nullptr);
+}
+
 Tap::Tap(std::string mailbox, std::string notifications)
     : mailbox_(std::move(mailbox)), notifications_(std::move(notifications)) {}
 
@@ -198,10 +192,10 @@ std::vector<pid_t> Tap::threads() const {
 bool Tap::attach(pid_t pid, std::string* error) {
   detach();
   pid_ = pid;
+  blockChildSignals();
   sigset_t child;
   sigemptyset(&child);
   sigaddset(&child, SIGCHLD);
-  pthread_sigmask(SIG_BLOCK, &child, nullptr);
   childSignals_ = signalfd(-1, &child, SFD_NONBLOCK | SFD_CLOEXEC);
   if (childSignals_ < 0) {
     *error = std::string("signalfd: ") + std::strerror(errno);
@@ -211,7 +205,7 @@ bool Tap::attach(pid_t pid, std::string* error) {
   // those started by a seized thread are seized by the kernel.
   for (bool grew = true; grew;) {
     grew = false;
-    for (pid_t tid : tasksOf(pid)) {
+    for (pid_t tid : threadsOf(pid)) {
       if (threads_.count(tid) != 0) continue;
       if (ptrace(PTRACE_SEIZE, tid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE) != 0) {
         if (errno == ESRCH && !threads_.empty()) continue;  // ended meanwhile

@@ -49,6 +49,10 @@ struct TapEvent {
   struct timespec seen = {0, 0};
 };
 
+// Blocks SIGCHLD in the calling thread and the threads it starts from now
+// on, as a process that taps must (see above).
+void blockChildSignals();
+
 // Returns false to end run().
 using TapSink = std::function<bool(const TapEvent&)>;
 
