@@ -113,9 +113,11 @@ int printPath(const DecodedFrame& answer) {
 }
 
 // A one-shot command watched through the tap: the frame goes in, and the
-// dispatcher thread that reads it is followed until it reads the mailbox
-// again, which it does once it has handled everything it read with the
-// frame. Its log lines of that stretch are the command's outcome.
+// dispatcher is followed until it reads the mailbox again, which it does
+// once it has handled everything it read with the frame. Its log lines of
+// that stretch are the command's outcome. The dispatcher is any thread but
+// the main one, which runs the schedule and reads the mailbox only while
+// waiting for the first writer (before the dispatcher exists).
 class WatchedCommand {
  public:
   WatchedCommand(const Options& o, const BinaryMessage& message, MailboxWriter& writer, Tap& tap)
@@ -162,7 +164,7 @@ class WatchedCommand {
       case Tap::End::failed:
         return fail(error);
       case Tap::End::timeout:
-        if (handler_ == 0) return fail("dravik did not take the message from " + o_.mailbox + " within " + seconds(o_.timeout));
+        if (!taken_) return fail("dravik did not take the message from " + o_.mailbox + " within " + seconds(o_.timeout));
         return fail("dravik had not handled the message within " + seconds(o_.timeout));
     }
     if (o_.command == "get-filter") {
@@ -181,19 +183,20 @@ class WatchedCommand {
 
   // False once the dispatcher is done with the message.
   bool take(const TapEvent& e) {
+    bool dispatcher = e.thread != tap_.pid();
     switch (e.kind) {
       case TapEvent::Kind::frame: {
         DecodedFrame frame = peer::decodeFrame(e.bytes, e.direction);
-        if (e.direction == Flow::in && handler_ == 0 && frame.hasHeader && frame.header.id == message_.id &&
+        if (e.direction == Flow::in && !taken_ && frame.hasHeader && frame.header.id == message_.id &&
             frame.header.sender == message_.sender && frame.header.selector == message_.getSelector()) {
-          handler_ = e.thread;
-        } else if (e.direction == Flow::out && handler_ != 0 && answers(frame, message_)) {
+          taken_ = true;
+        } else if (e.direction == Flow::out && taken_ && answers(frame, message_)) {
           answer_ = std::move(frame);
         }
         return true;
       }
       case TapEvent::Kind::log: {
-        if (e.thread != handler_ || handler_ == 0) return true;
+        if (!taken_ || !dispatcher) return true;
         SyslogRecord record;
         if (!parseSyslogDatagram(e.bytes, &record)) return true;
         if (record.priority <= LOG_ERR) errorLogged_ = true;
@@ -203,7 +206,7 @@ class WatchedCommand {
         return true;
       }
       case TapEvent::Kind::mailboxRead:
-        return e.thread != handler_ || handler_ == 0;
+        return !taken_ || !dispatcher;
     }
     return true;
   }
@@ -214,7 +217,7 @@ class WatchedCommand {
   Tap& tap_;
   StopSignals stop_;
   OutputQueue errors_;
-  pid_t handler_ = 0;
+  bool taken_ = false;  // the daemon has read the frame
   bool errorLogged_ = false;
   std::optional<DecodedFrame> answer_;
 };

@@ -300,6 +300,9 @@ bool Tap::handle(pid_t tid, int status, std::vector<TapEvent>* events, std::stri
       struct __ptrace_syscall_info probe;
       if (ptrace(PTRACE_GET_SYSCALL_INFO, tid, sizeof probe, &probe) < 0 && errno == EIO) {
         *error = "this kernel cannot report system calls to the tap (PTRACE_GET_SYSCALL_INFO needs Linux 5.3 or later)";
+        // Let go at once: detach() only sees threads that stop again.
+        ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
+        threads_.erase(tid);
         return false;
       }
     }
