@@ -91,21 +91,15 @@ function dravik.dissector(tvb, pinfo, tree)
   pinfo.cols.protocol = "dravik"
   local size = tvb:len()
   local item = tree:add(dravik, tvb(), "dravik frame")
-  if size < layout.lengthSize then
-    item:add_expert_info(PI_MALFORMED, PI_ERROR, "frame ends inside its length")
-    return
+  local function malformed(text)
+    item:add_expert_info(PI_MALFORMED, PI_ERROR, text)
+    pinfo.cols.info = text
   end
+  if size < layout.lengthSize then return malformed("frame ends inside its length") end
   local length = tvb(0, layout.lengthSize):uint()
   item:add(fields.length, tvb(0, layout.lengthSize))
-  if length == 0 or length > layout.maxPayload then
-    item:add_expert_info(PI_MALFORMED, PI_ERROR, "invalid frame length " .. length)
-    pinfo.cols.info = "invalid frame length " .. length
-    return
-  end
-  if size < layout.lengthSize + layout.headerSize then
-    item:add_expert_info(PI_MALFORMED, PI_ERROR, "frame ends inside its header")
-    return
-  end
+  if length == 0 or length > layout.maxPayload then return malformed("invalid frame length " .. length) end
+  if size < layout.lengthSize + layout.headerSize then return malformed("frame ends inside its header") end
   local h = {}
   for _, f in ipairs(layout.header) do
     local range = tvb(layout.lengthSize + f.offset, f.size)
