@@ -9,8 +9,10 @@ CMAKE_GEN = $$(command -v ninja >/dev/null 2>&1 && echo -G Ninja)
 CMAKE_ARGS ?=
 
 # Debian packages the build and the tests need; CI adds its own through
-# EXTRA_DEPS (sanitizer runtimes, fuzzing, cross compilers, qemu).
-DEPS := cmake make g++ clang ninja-build libgtest-dev libgmock-dev googletest util-linux faketime $(EXTRA_DEPS)
+# EXTRA_DEPS (sanitizer runtimes, fuzzing, cross compilers, qemu). tshark
+# reads the tap's captures with the shipped dissector; installed without a
+# terminal, it answers its debconf question (setuid dumpcap) with no.
+DEPS := cmake make g++ clang ninja-build libgtest-dev libgmock-dev googletest util-linux faketime tshark $(EXTRA_DEPS)
 
 .PHONY: all deps configure build test run clean stats
 

@@ -1,11 +1,11 @@
 #!/bin/sh
 # Builds the Debian package with CPack and checks it as a Debian maintainer
-# would: it holds exactly the installed files (daemon, dravikctl when built,
-# systemd unit, sysusers.d and tmpfiles.d entries, man pages, copyright and
-# changelog) and their directories, nothing more or less; lintian reports no
-# error and no warning; hardening-check finds the packaged programs hardened;
-# systemd accepts the packaged unit; the changelog names the package's
-# version.
+# would: it holds exactly the installed files (daemon, dravikctl and its
+# Wireshark dissector when built, systemd unit, sysusers.d and tmpfiles.d
+# entries, man pages, copyright and changelog) and their directories, nothing
+# more or less; lintian reports no error and no warning; hardening-check finds
+# the packaged programs hardened; systemd accepts the packaged unit; the
+# changelog names the package's version.
 #
 #   packaging/check-deb.sh [BUILD_DIR]     (default: build-deb in the source)
 #
@@ -66,6 +66,7 @@ trap 'rm -f "$expected" "$actual"' EXIT
   if [ "$with_ctl" = yes ]; then
     echo ./usr/bin/dravikctl
     echo ./usr/share/man/man1/dravikctl.1.gz
+    echo ./usr/share/dravik/dravik.lua
   fi
 } >"$expected.files"
 # Every parent directory of the files, as dpkg-deb lists them ("./usr/";
@@ -95,7 +96,7 @@ fi
 # Kinds and modes: programs executable, the rest plain files.
 dpkg-deb -c "$deb" | awk '
   $6 ~ /\/(sbin|bin)\/[^\/]+$/ && $1 != "-rwxr-xr-x" { print "check-deb: " $6 " is " $1 > "/dev/stderr"; bad = 1 }
-  $6 ~ /(\.(service|conf|gz)|\/copyright)$/ && $1 != "-rw-r--r--" { print "check-deb: " $6 " is " $1 > "/dev/stderr"; bad = 1 }
+  $6 ~ /(\.(service|conf|gz|lua)|\/copyright)$/ && $1 != "-rw-r--r--" { print "check-deb: " $6 " is " $1 > "/dev/stderr"; bad = 1 }
   $2 != "root/root" { print "check-deb: " $6 " belongs to " $2 > "/dev/stderr"; bad = 1 }
   END { exit bad }' || status=1
 

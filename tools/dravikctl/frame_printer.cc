@@ -64,6 +64,31 @@ void appendHeaderJson(const peer::FrameHeader& h, std::string* out) {
   *out += ",\"argsLength\":" + std::to_string(h.argsLength);
 }
 
+struct timespec stampTime(const peer::FrameHeader& h) {
+  struct timespec t;
+  t.tv_sec = static_cast<time_t>(h.timestamp / 1000);
+  t.tv_nsec = static_cast<long>(h.timestamp % 1000) * 1000000;
+  if (t.tv_nsec < 0) {
+    t.tv_sec -= 1;
+    t.tv_nsec += 1000000000;
+  }
+  return t;
+}
+
+int64_t ageMs(const peer::FrameHeader& h, const struct timespec& seen) {
+  return static_cast<int64_t>(seen.tv_sec) * 1000 + seen.tv_nsec / 1000000 - h.timestamp;
+}
+
+// Milliseconds while they read well, seconds beyond.
+std::string ageText(int64_t ms) {
+  if (ms > -100000 && ms < 100000) return std::to_string(ms) + "ms";
+  return std::to_string(ms / 1000) + "s";
+}
+
+std::string withoutNewline(const std::string& message) {
+  return !message.empty() && message.back() == '\n' ? message.substr(0, message.size() - 1) : message;
+}
+
 }  // namespace
 
 struct timespec wallClock() {
@@ -184,9 +209,23 @@ std::string frameText(const peer::DecodedFrame& frame, bool withHex) {
   return line;
 }
 
-std::string frameJson(const peer::DecodedFrame& frame, bool withHex, const std::string& time, const std::string& event) {
-  std::string out = "{\"time\":" + jsonQuote(time);
-  if (!event.empty()) out += ",\"event\":" + jsonQuote(event);
+std::string frameLineText(const peer::DecodedFrame& frame, const FrameView& view, bool withHex) {
+  std::string line = timeOfDay(view.seen) + (view.direction == catalogue::Flow::in ? " in " : " out ");
+  if (!frame.decoded()) return line + frameText(frame, withHex);
+  line += frameText(frame, false);
+  line += " stamp=" + timeOfDay(stampTime(frame.header)) + " age=" + ageText(ageMs(frame.header, view.seen));
+  if (view.answers) {
+    char after[32];
+    snprintf(after, sizeof after, "%.1fms", view.answers->afterMs);
+    line += " answers=" + std::to_string(view.answers->requestId) + " after=" + after;
+  }
+  if (withHex) line += " frame=" + hexString(frame.raw, true);
+  return line;
+}
+
+std::string frameJson(const peer::DecodedFrame& frame, const FrameView& view, bool withHex) {
+  std::string out = "{\"time\":" + jsonQuote(isoTime(view.seen));
+  out += std::string(",\"direction\":") + (view.direction == catalogue::Flow::in ? "\"in\"" : "\"out\"");
   if (!frame.decoded()) {
     out += ",\"class\":null,\"error\":" + jsonQuote(frame.error);
     if (frame.hasHeader) appendHeaderJson(frame.header, &out);
@@ -194,6 +233,8 @@ std::string frameJson(const peer::DecodedFrame& frame, bool withHex, const std::
   }
   out += ",\"class\":" + jsonQuote(frame.entry->name);
   appendHeaderJson(frame.header, &out);
+  out += ",\"stamp\":" + jsonQuote(isoTime(stampTime(frame.header)));
+  out += ",\"ageMs\":" + std::to_string(ageMs(frame.header, view.seen));
   out += ",\"args\":{";
   for (std::size_t i = 0; i < frame.args.size(); ++i) {
     const catalogue::Arg& spec = frame.entry->args[i];
@@ -219,8 +260,29 @@ std::string frameJson(const peer::DecodedFrame& frame, bool withHex, const std::
     for (std::size_t i = 0; i < frame.notes.size(); ++i) out += (i ? "," : "") + jsonQuote(frame.notes[i]);
     out += "]";
   }
+  if (view.answers) {
+    char after[32];
+    snprintf(after, sizeof after, "%.3f", view.answers->afterMs);
+    out += ",\"answers\":{\"id\":" + std::to_string(view.answers->requestId);
+    out += ",\"class\":" + (view.answers->requestClass.empty() ? "null" : jsonQuote(view.answers->requestClass));
+    out += std::string(",\"afterMs\":") + after + "}";
+  }
   if (withHex) out += ",\"frame\":" + jsonQuote(hexString(frame.raw, false));
   return out + "}";
+}
+
+const char* priorityName(int priority) {
+  static const char* const names[] = {"emerg", "alert", "crit", "err", "warning", "notice", "info", "debug"};
+  return priority >= 0 && priority < 8 ? names[priority] : "unknown";
+}
+
+std::string logText(int priority, const std::string& message, const struct timespec& seen) {
+  return timeOfDay(seen) + " log " + priorityName(priority) + " " + withoutNewline(message);
+}
+
+std::string logJson(int priority, const std::string& message, const struct timespec& seen) {
+  return "{\"time\":" + jsonQuote(isoTime(seen)) + ",\"log\":\"" + priorityName(priority) +
+         "\",\"message\":" + jsonQuote(withoutNewline(message)) + "}";
 }
 
 }  // namespace dravikctl

@@ -1,17 +1,20 @@
-// dravikctl: send messages to the dravik service, watch what it sends, and
-// play its peers.
+// dravikctl: send messages to the dravik service, watch it through a tap,
+// and play its peers.
 #include <csignal>
 #include <cstdio>
 
 #include "dravikctl_version.h"
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/options.h"
+#include "tools/dravikctl/tap.h"
 #include "tools/peer/frame_codec.h"
 
 int main(int argc, char* argv[]) {
   // A reader that goes away shows up as EPIPE on the write, which is
   // reported, instead of killing the tool.
   std::signal(SIGPIPE, SIG_IGN);
+  // Before any thread starts, so that every thread has it blocked.
+  dravikctl::blockChildSignals();
 
   dravikctl::Options options;
   std::string error;

@@ -1,10 +1,15 @@
 // dravikctl's command line: one command, its arguments, and options that may
-// stand before or after them ("--name value" or "--name=value").
+// stand before or after them ("--name value" or "--name=value"), read with
+// getopt_long.
 #ifndef DRAVIK_TOOLS_DRAVIKCTL_OPTIONS_H_
 #define DRAVIK_TOOLS_DRAVIKCTL_OPTIONS_H_
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
+
+#include "tools/dravikctl/frame_filter.h"
 
 namespace dravikctl {
 
@@ -34,13 +39,20 @@ struct Options {
   int32_t responseSelector = 0;    // likewise
   double timeout = 5;              // seconds
 
+  pid_t pid = 0;        // the daemon to tap; 0: found by name
+  bool direct = false;  // read the notification pipe instead of tapping
+  bool force = false;   // read it even while another process does
+  bool noWait = false;  // send only
+
   bool hex = false;
   bool json = false;
+  bool log = false;     // monitor: the daemon's syslog lines too
+  std::string pcap;     // monitor: capture file; "-": standard output
   long count = 0;       // 0: no bound
   double duration = 0;  // seconds; 0: no bound
+  FrameFilter filter;
   int32_t filterStatus = 0;
   uint32_t blockSize = 64;
-  std::string socketPath = "/dev/log";
 };
 
 // Reads the command line into `options`. False with a one-line reason in

@@ -2,11 +2,13 @@
 // (endpoint 11) answers every calibration request with a block; endpoint 2
 // answers every new filter with the status chosen on the command line. Like
 // a real peer it keeps the mailbox open for writing, and it survives restarts
-// of the service: when the service goes it waits for the next one.
+// of the service: when the service goes it waits for the next one. It reads
+// the notification pipe, so it refuses to start beside another reader.
 #include <cstdio>
 
 #include "messaging/binary_fifo.h"
 #include "tools/dravikctl/commands.h"
+#include "tools/dravikctl/frame_printer.h"
 #include "tools/dravikctl/stop_signals.h"
 #include "tools/peer/pipe_peer.h"
 
@@ -33,9 +35,10 @@ std::string calibrationBlock(int64_t channel, uint32_t size) {
 
 class Simulator {
  public:
-  explicit Simulator(const Options& options) : o_(options) {}
+  explicit Simulator(const Options& options) : o_(options), printer_(options) {}
 
   int run() {
+    if (!mayReadNotifications(o_, "simulate")) return kExitFailure;
     std::string error;
     if (!reader_.open(o_.notifications, &error)) return fail(error);
     attach();
@@ -91,7 +94,7 @@ class Simulator {
   // Prints a received frame and answers it. False when standard output is gone.
   bool handle(const std::string& frame) {
     DecodedFrame in = peer::decodeFrame(frame, Flow::out);
-    if (!printLine(frameLine(in, o_, "recv"))) return false;
+    if (!print(printer_.frame(frame, Flow::out, wallClock()))) return false;
     if (!in.decoded()) return true;
     const peer::Value* channel = in.arg("channel");
     int64_t number = channel != nullptr ? channel->number : 0;
@@ -118,8 +121,11 @@ class Simulator {
       return true;
     }
     ++answers_;
-    return printLine(frameLine(peer::decodeFrame(frame, Flow::in), o_, "send"));
+    return print(printer_.frame(frame, Flow::in, wallClock()));
   }
+
+  // A frame's line, unless the filters left it out.
+  static bool print(const std::string& line) { return line.empty() || printLine(line); }
 
   int finish(long received, int status) {
     fprintf(stderr, "dravikctl: simulate: %ld frames received, %ld answers sent\n", received, answers_);
@@ -127,6 +133,7 @@ class Simulator {
   }
 
   const Options& o_;
+  ConversationPrinter printer_;
   StopSignals stop_;
   FrameReader reader_;
   MailboxWriter writer_;

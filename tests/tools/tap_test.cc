@@ -1,0 +1,290 @@
+// dravikctl's tap on the real daemon, in the harness sandbox: while a
+// consumer reads the notification pipe as the camera's reader does, monitor
+// prints every frame of both directions once and takes none from it; the
+// shipped dissector reads its capture; one-shot commands report the daemon's
+// verdict; and the daemon outlives a tool killed in the middle.
+#include <sys/ptrace.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "messaging/binary_fifo.h"
+#include "tests/support/hex.h"
+#include "tests/support/store_files.h"
+#include "tools/harness/child_process.h"
+#include "tools/harness/sandbox.h"
+#include "tools/peer/frame_codec.h"
+#include "tools/peer/pipe_peer.h"
+#include "tools/peer/syslog_reader.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using catalogue::Flow;
+using peer::CatalogueMessage;
+
+// Opened before the sandbox covers anything; the programs run through them.
+int gDaemon = -1;
+int gCtl = -1;
+int gCat = -1;
+int gTshark = -1;
+std::string gSkip;  // why no tap can work here
+
+class TapTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!gSkip.empty()) GTEST_SKIP() << gSkip;
+    ASSERT_TRUE(resetStoreAndPipes());
+    std::string why;
+    ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
+    ASSERT_TRUE(daemon_.start(gDaemon, "dravik", {"-s", "3600"}, {}, &why)) << why;
+    ASSERT_TRUE(waitUntilOpen(daemon_.pid(), "/tmp/dravik.mailbox", 5s));
+    ASSERT_TRUE(consumer_.start(gCat, "cat", {"/tmp/comm.mailbox"}, {}, &why)) << why;
+    ASSERT_TRUE(waitUntilOpen(consumer_.pid(), "/tmp/comm.mailbox", 5s));
+    ASSERT_TRUE(client_.open("/tmp/dravik.mailbox", &why)) << why;
+  }
+
+  void run(ChildProcess& ctl, std::vector<std::string> args, bool tap = true) {
+    if (tap) args.insert(args.end(), {"--pid", std::to_string(daemon_.pid())});
+    std::string why;
+    ASSERT_TRUE(ctl.start(gCtl, "dravikctl", args, {}, &why)) << why;
+  }
+
+  // A running monitor, once it has attached.
+  void monitor(ChildProcess& ctl, std::vector<std::string> args) {
+    args.insert(args.begin(), {"monitor", "--hex"});
+    run(ctl, args);
+    ASSERT_TRUE(ctl.waitForErr("dravikctl: tapping dravik", 5s)) << ctl.err();
+  }
+
+  // Frames as a client writes them to the mailbox: one write each, or all
+  // in one (pipelined).
+  std::string send(const std::vector<CatalogueMessage>& messages, bool pipelined) {
+    std::string all, error;
+    for (const CatalogueMessage& m : messages) {
+      std::string frame = encodeFrame(m);
+      all += frame;
+      if (!pipelined) {
+        EXPECT_TRUE(client_.write(frame, peer::Deadline::after(5), &error)) << error;
+      }
+    }
+    if (pipelined) {
+      EXPECT_TRUE(client_.write(all, peer::Deadline::after(5), &error)) << error;
+    }
+    return all;
+  }
+
+  // Sends a request from an endpoint of its own and waits until the
+  // consumer has the answer; returns that endpoint.
+  int32_t roundTrip() {
+    CatalogueMessage request("GetAnalyticsFilterDataRequest", {0});
+    request.sender = ++lastEndpoint_;
+    send({request}, false);
+    EXPECT_TRUE(consumer_.waitForOut(bytesFromHex("00000001 0000000D") + be32(static_cast<uint32_t>(request.sender)), 10s))
+        << "no answer to endpoint " << request.sender;
+    return request.sender;
+  }
+
+  // The frames that monitor printed, per direction, in order; the pairing
+  // of each answer to a get-filter request is checked on the way.
+  void printed(const std::string& lines, std::string* in, std::string* out) {
+    std::istringstream text(lines);
+    std::string line;
+    while (std::getline(text, line)) {
+      std::size_t frame = line.find(" frame=");
+      ASSERT_NE(frame, std::string::npos) << line;
+      (line.compare(12, 4, " in ") == 0 ? *in : *out) += bytesFromHex(line.substr(frame + 7));
+      std::size_t corr = line.find(" corr=");
+      if (line.find(" GetAnalyticsFilterDataResponse ") != std::string::npos) {
+        std::string id = line.substr(corr + 6, line.find(' ', corr + 6) - corr - 6);
+        EXPECT_NE(line.find(" answers=" + id + " after="), std::string::npos) << line;
+      }
+    }
+  }
+
+  void expectDaemonRuns() {
+    std::string status = "/proc/" + std::to_string(daemon_.pid()) + "/status";
+    std::ifstream file(status);
+    std::string all((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    EXPECT_EQ(all.find("State:\tt"), std::string::npos) << all;
+    EXPECT_EQ(all.find("State:\tT"), std::string::npos) << all;
+    EXPECT_NE(all.find("TracerPid:\t0\n"), std::string::npos) << all;
+    roundTrip();
+  }
+
+  SyslogReader syslog_;
+  ChildProcess daemon_;
+  ChildProcess consumer_;
+  peer::MailboxWriter client_;
+  int32_t lastEndpoint_ = 1000;
+};
+
+// A few hundred commands of every kind, some refused by the daemon.
+std::vector<CatalogueMessage> mixedCommands(int count) {
+  std::vector<CatalogueMessage> messages;
+  for (int i = 0; i < count; ++i) {
+    int32_t channel = i % 4;
+    switch (i % 6) {
+      case 0: messages.emplace_back("GetAnalyticsFilterDataRequest", std::vector<peer::Value>{channel}); break;
+      case 1: messages.emplace_back("RestoreFactoryFilterCommand", std::vector<peer::Value>{channel}); break;
+      case 2: messages.emplace_back("ResetCalibrationCommand", std::vector<peer::Value>{channel}); break;
+      case 3: messages.emplace_back("SetAnalyticsFilterDataCommand", std::vector<peer::Value>{channel, "/x.xml"}); break;
+      case 4: messages.emplace_back("SaveAnalyticsFilterDataCommand", std::vector<peer::Value>{channel, 5}); break;
+      default: messages.emplace_back("RestoreFactoryVirtualCameraSettingsCommand", std::vector<peer::Value>{7});
+    }
+    messages.back().sender = i % 6 == 4 ? kFilterEndpoint : 100;
+  }
+  return messages;
+}
+
+TEST_F(TapTest, MonitorSeesBothDirectionsAndTakesNothing) {
+  ChildProcess ctl;
+  monitor(ctl, {});
+  std::string sent = send(mixedCommands(300), false);
+  int32_t last = roundTrip();
+  ASSERT_TRUE(ctl.waitForOut(" GetAnalyticsFilterDataResponse 13->" + std::to_string(last) + " ", 10s));
+  ctl.signal(SIGINT);
+  ASSERT_EQ(ctl.wait(10s).value_or(-1), 0) << ctl.err();
+  std::string in, out;
+  printed(ctl.out(), &in, &out);
+  EXPECT_EQ(in.substr(0, sent.size()), sent);
+  EXPECT_EQ(in.size(), sent.size() + 52);  // and the round trip's request
+  EXPECT_EQ(toHex(out), toHex(consumer_.out()));
+  expectDaemonRuns();
+}
+
+TEST_F(TapTest, PipelinedLoadCapturedForWireshark) {
+  const int requests = 200;
+  ChildProcess ctl;
+  monitor(ctl, {"--pcap", "/tmp/capture.pcapng", "--count", std::to_string(2 * requests)});
+  std::vector<CatalogueMessage> messages;
+  for (int i = 0; i < requests; ++i) messages.emplace_back("GetAnalyticsFilterDataRequest", std::vector<peer::Value>{i % 4});
+  std::string sent = send(messages, true);
+  ASSERT_EQ(ctl.wait(20s).value_or(-1), 0) << ctl.err();
+  std::string in, out;
+  printed(ctl.out(), &in, &out);
+  EXPECT_EQ(in, sent);
+  ASSERT_TRUE(consumer_.waitForOut(out, 5s));
+  EXPECT_EQ(toHex(out), toHex(consumer_.out()));
+
+  if (gTshark < 0) GTEST_SKIP() << "tshark is not installed (Debian package tshark)";
+  ChildProcess tshark;
+  std::string why;
+  ASSERT_TRUE(tshark.start(gTshark, "tshark",
+                           {"-X", std::string("lua_script:") + DRAVIK_DISSECTOR, "-r", "/tmp/capture.pcapng", "-T",
+                            "fields", "-e", "dravik.direction", "-e", "dravik.class", "-e", "dravik.id", "-e",
+                            "dravik.correlationId", "-e", "dravik.channel", "-e", "dravik.path"},
+                           {}, &why))
+      << why;
+  ASSERT_EQ(tshark.wait(60s).value_or(-1), 0) << tshark.err();
+  std::string expected;
+  peer::FrameAssembler frames;
+  frames.append(sent.data(), sent.size());
+  frames.append(out.data(), out.size());
+  std::string frame;
+  for (int i = 0; frames.next(&frame); ++i) {
+    peer::DecodedFrame d = peer::decodeFrame(frame, i < requests ? Flow::in : Flow::out);
+    const peer::Value* channel = d.arg("channel");
+    const peer::Value* path = d.arg("path");
+    expected += std::string(i < requests ? "in\t" : "out\t") + d.entry->name + "\t" + std::to_string(d.header.id) +
+                "\t" + std::to_string(d.header.correlationId) + "\t" +
+                (channel ? std::to_string(channel->number) : "") + "\t" + (path ? path->bytes : "") + "\n";
+  }
+  // Both directions in capture order, compared per direction.
+  std::istringstream lines(tshark.out());
+  std::string line, shownIn, shownOut;
+  while (std::getline(lines, line)) (line.compare(0, 3, "in\t") == 0 ? shownIn : shownOut) += line + "\n";
+  EXPECT_EQ(shownIn + shownOut, expected);
+}
+
+TEST_F(TapTest, DaemonOutlivesAKilledTool) {
+  ChildProcess ctl;
+  monitor(ctl, {});
+  std::vector<CatalogueMessage> messages;
+  for (int i = 0; i < 300; ++i) messages.emplace_back("GetAnalyticsFilterDataRequest", std::vector<peer::Value>{i % 4});
+  send(messages, true);
+  ASSERT_TRUE(ctl.waitForOut(" GetAnalyticsFilterDataResponse ", 10s));
+  ctl.signal(SIGKILL);
+  ctl.wait(10s);
+  expectDaemonRuns();
+}
+
+TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
+  std::string comm;
+  std::ifstream("/proc/" + std::to_string(consumer_.pid()) + "/comm") >> comm;
+  const std::string reader = "process " + std::to_string(consumer_.pid()) + " (" + comm + ") reads /tmp/comm.mailbox";
+  const struct {
+    std::vector<std::string> args;
+    bool tap;
+    int status;
+    std::string out, err;
+  } rows[] = {
+      {{"reset-channel", "7"}, true, 1, "",
+       "dravik: info:  RestoreFactorySettings ch=7\ndravik: err: RestoreFactorySettings::Invalid Channel=7\n"},
+      {{"save-filter", "1", "0"}, true, 1, "",
+       "dravik: info: Saving Analytics Filter To file for ch=1 FileName:: \n"
+       "dravik: err: SaveAnalyticsFilterFile: Error renaming  to /etc/sysconfig/dravik/zek/tbe/metadataFilterCH1.xml: "
+       "No such file or directory\n"},
+      {{"get-filter", "2"}, true, 0, "/etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml\n",
+       "dravik: info: Sending get CH=2 /etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml\n"},
+      {{"reset-calibration", "3"}, true, 0, "", "dravik: info: ResetCalibrationNotification::toStream channel=3\n"},
+      {{"reset-all", "--no-wait"}, false, 0, "", ""},
+      {{"reset-all", "--direct"}, false, 0, "", "dravikctl: sent; the outcome is not known (--direct)\n"},
+      {{"get-filter", "1", "--direct"}, false, 1, "",
+       "dravikctl: " + reader + ", and get-filter would take frames from it (each frame reaches one reader); watch "
+       "through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
+      {{"simulate"}, false, 1, "",
+       "dravikctl: " + reader + ", and simulate would take frames from it (each frame reaches one reader); watch "
+       "through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
+  };
+  for (const auto& row : rows) {
+    ChildProcess ctl;
+    run(ctl, row.args, row.tap);
+    EXPECT_EQ(ctl.wait(10s).value_or(-1), row.status << 8) << row.args[0];
+    EXPECT_EQ(ctl.out(), row.out) << row.args[0];
+    EXPECT_EQ(ctl.err(), row.err) << row.args[0];
+  }
+  // The camera's reader got the answer that get-filter printed.
+  EXPECT_TRUE(consumer_.waitForOut("/etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml", 5s));
+  expectDaemonRuns();
+}
+
+// Whether this process may trace a child: not under qemu-user, nor where a
+// policy forbids ptrace.
+std::string whyNoTracing() {
+  pid_t child = fork();
+  if (child == 0) {
+    pause();
+    _exit(0);
+  }
+  std::string why;
+  if (ptrace(PTRACE_SEIZE, child, nullptr, nullptr) != 0) {
+    why = std::string("ptrace cannot trace even a child here (") + std::strerror(errno) +
+          "): under qemu-user or a seccomp policy no tap can work";
+  }
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  return why;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  gDaemon = openExecutable(DRAVIK_BINARY);
+  gCtl = openExecutable(DRAVIKCTL_BINARY);
+  gCat = openExecutable("/bin/cat");
+  gTshark = openExecutable("/usr/bin/tshark");
+  gSkip = whyNoTracing();
+  std::string why;
+  if (gSkip.empty() && !sandbox::enter(&why)) gSkip = "no sandbox: " + why;
+  return RUN_ALL_TESTS();
+}

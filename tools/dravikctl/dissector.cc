@@ -1,0 +1,82 @@
+#include "tools/dravikctl/dissector.h"
+
+#include "dissector_template.h"
+#include "messaging/frame_format.h"
+#include "store/catalogue.h"
+
+namespace dravikctl {
+namespace {
+
+const char* typeName(catalogue::ArgType type) {
+  switch (type) {
+    case catalogue::ArgType::int32:
+      return "int32";
+    case catalogue::ArgType::uint32:
+      return "uint32";
+    case catalogue::ArgType::string:
+      return "string";
+    case catalogue::ArgType::bytes:
+      return "bytes";
+  }
+  return "bytes";
+}
+
+std::string luaLayout() {
+  struct Field {
+    const char* name;
+    std::size_t offset;
+    int size;
+  };
+  const Field header[] = {
+      {"version", kVersionOffset, 4},
+      {"sender", kSenderOffset, 4},
+      {"recipient", kRecipientOffset, 4},
+      {"id", kIdOffset, 4},
+      {"correlationId", kCorrelationIdOffset, 4},
+      {"timestamp", kTimestampOffset, 8},
+      {"selector", kSelectorOffset, 4},
+      {"responseSelector", kResponseSelectorOffset, 4},
+      {"flags", kFlagsOffset, 4},
+      {"argsLength", kArgsLengthOffset, 4},
+  };
+  std::string lua = "  lengthSize = " + std::to_string(kFrameLengthSize) + ", maxPayload = " +
+                    std::to_string(kMaxPayloadLength) + ", headerSize = " + std::to_string(kHeaderSize) +
+                    ", service = " + std::to_string(kServiceEndpoint) + ",\n  header = {\n";
+  for (const Field& f : header) {
+    lua += std::string("    {name = \"") + f.name + "\", offset = " + std::to_string(f.offset) +
+           ", size = " + std::to_string(f.size) + "},\n";
+  }
+  return lua + "  },";
+}
+
+std::string luaCatalogue() {
+  std::string lua;
+  for (const catalogue::Entry& e : catalogue::entries()) {
+    lua += std::string("  {name = \"") + e.name + "\", selector = " + std::to_string(e.selector) + ", flow = \"" +
+           (e.flow == catalogue::Flow::in ? "in" : "out") + "\", recipient = " + std::to_string(e.recipient) +
+           ", responseSelector = " + std::to_string(e.responseSelector) + ", args = {";
+    for (std::size_t i = 0; i < e.args.size(); ++i) {
+      lua += std::string(i == 0 ? "" : ", ") + "{name = \"" + e.args[i].name + "\", type = \"" +
+             typeName(e.args[i].type) + "\"}";
+    }
+    lua += "}},\n";
+  }
+  if (!lua.empty()) lua.pop_back();
+  return lua;
+}
+
+void replace(std::string* text, const std::string& marker, const std::string& with) {
+  std::size_t at = text->find(marker);
+  if (at != std::string::npos) text->replace(at, marker.size(), with);
+}
+
+}  // namespace
+
+std::string wiresharkDissector() {
+  std::string script = kDissectorTemplate;
+  replace(&script, "@LAYOUT@", luaLayout());
+  replace(&script, "@CATALOGUE@", luaCatalogue());
+  return script;
+}
+
+}  // namespace dravikctl

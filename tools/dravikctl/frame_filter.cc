@@ -1,0 +1,20 @@
+#include "tools/dravikctl/frame_filter.h"
+
+#include <algorithm>
+
+namespace dravikctl {
+
+bool FrameFilter::matches(const peer::DecodedFrame& frame, catalogue::Flow flow) const {
+  if (direction && *direction != flow) return false;
+  if (!frame.hasHeader) return selectors.empty() && !channel && !endpoint;
+  const peer::FrameHeader& h = frame.header;
+  if (!selectors.empty() && std::find(selectors.begin(), selectors.end(), h.selector) == selectors.end()) return false;
+  if (endpoint && h.sender != *endpoint && h.recipient != *endpoint) return false;
+  if (channel) {
+    const peer::Value* value = frame.arg("channel");
+    if (value == nullptr || value->number != *channel) return false;
+  }
+  return true;
+}
+
+}  // namespace dravikctl

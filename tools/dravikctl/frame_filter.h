@@ -1,0 +1,27 @@
+// Which frames monitor and decode print: every condition given must hold.
+#ifndef DRAVIK_TOOLS_DRAVIKCTL_FRAME_FILTER_H_
+#define DRAVIK_TOOLS_DRAVIKCTL_FRAME_FILTER_H_
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "store/catalogue.h"
+#include "tools/peer/frame_codec.h"
+
+namespace dravikctl {
+
+struct FrameFilter {
+  std::vector<int32_t> selectors;  // any of them; empty: any selector
+  std::optional<int32_t> channel;  // the frame's channel argument
+  std::optional<int32_t> endpoint;  // sender or recipient
+  std::optional<catalogue::Flow> direction;
+
+  // A frame without a header matches only when no condition is set on its
+  // header or arguments.
+  bool matches(const peer::DecodedFrame& frame, catalogue::Flow flow) const;
+};
+
+}  // namespace dravikctl
+
+#endif  // DRAVIK_TOOLS_DRAVIKCTL_FRAME_FILTER_H_
