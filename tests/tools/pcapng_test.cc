@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/hex.h"
+#include "tests/support/wire.h"
 #include "tools/dravikctl/pcapng.h"
 
 namespace {
@@ -20,11 +20,11 @@ TEST(DravikctlPcapng, WritesAndReadsBothDirections) {
   struct timespec seen = {1, 2003000};  // 1.002003 s: 1002003 µs = 0x000F4A13
   std::string file = pcapng::fileHeader() + pcapng::packetBlock(bytesFromHex("0000000000"), Flow::in, seen) +
                      pcapng::packetBlock(bytesFromHex("00000000"), Flow::out, seen);
-  EXPECT_EQ(toHex(file), canonicalHex(std::string(kSectionAndInterface) +
+  EXPECT_EQ(toHex(file), toHex(bytesFromHex(std::string(kSectionAndInterface) +
                                       " 06000000 34000000 00000000 00000000 134A0F00 05000000 05000000"
                                       " 00000000 00000000 0200 0400 01000000 0000 0000 34000000"
                                       " 06000000 30000000 00000000 00000000 134A0F00 04000000 04000000"
-                                      " 00000000 0200 0400 02000000 0000 0000 30000000"));
+                                      " 00000000 0200 0400 02000000 0000 0000 30000000")));
   std::vector<pcapng::Packet> packets;
   std::string error;
   ASSERT_TRUE(pcapng::readCapture(file, &packets, &error)) << error;

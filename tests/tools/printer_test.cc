@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "tests/support/hex.h"
+#include "tests/support/wire.h"
 #include "tools/dravikctl/commands.h"
 
 namespace {

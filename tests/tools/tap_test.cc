@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "messaging/binary_fifo.h"
-#include "tests/support/hex.h"
+#include "tests/support/wire.h"
 #include "tests/support/store_files.h"
 #include "tools/harness/child_process.h"
 #include "tools/harness/sandbox.h"
