@@ -176,10 +176,10 @@ void FrameAssembler::append(const char* bytes, std::size_t count) {
 
 bool FrameAssembler::next(std::string* frame) {
   if (buffer_.size() - start_ < kFrameLengthSize) return false;
-  MemoryInputBuffer prefix(buffer_.data() + start_, kFrameLengthSize);
-  std::istream prefixStream(&prefix);
+  prefix_.reset(buffer_.data() + start_, kFrameLengthSize);
+  prefixStream_.clear();
   uint32_t length = 0;
-  bistream(prefixStream) >> length;
+  bistream(prefixStream_) >> length;
   // A refused length gives no way to find the next frame: as the service's
   // own reader does, take the following bytes as the next length.
   std::size_t size = (length == 0 || length > kMaxPayloadLength) ? kFrameLengthSize : kFrameLengthSize + length;

@@ -8,7 +8,10 @@
 
 #include <time.h>
 
+#include <istream>
 #include <string>
+
+#include "messaging/memory_stream.h"
 
 namespace peer {
 
@@ -70,6 +73,9 @@ class FrameAssembler {
   // of many small frames costs one move of the rest, not one per frame.
   std::string buffer_;
   std::size_t start_ = 0;
+  // Each length prefix is decoded through this one stream.
+  MemoryInputBuffer prefix_{nullptr, 0};
+  std::istream prefixStream_{&prefix_};
 };
 
 // Frames from the service's notification pipe.
