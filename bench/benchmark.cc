@@ -181,10 +181,10 @@ void Benchmark::measureStore(Measurements& m) {
 // which must be answered.
 void Benchmark::measureIdle(Measurements& m) {
   phase("idle", static_cast<unsigned>(2 * o_.idleSeconds + 60));
-  m.connected = idle(daemon_.pid(), o_.idleSeconds);
+  m.connected = idle(daemon_, static_cast<int>(o_.idleSeconds));
   daemon_.requests.close();
   usleep(200000);  // the daemon sees end of file, logs once and reopens
-  m.alone = idle(daemon_.pid(), o_.idleSeconds);
+  m.alone = idle(daemon_, static_cast<int>(o_.idleSeconds));
   if (!servers_.connectDaemon(daemon_, 20) || pingPong(daemon_, requests_, 1, false).errors != 0) {
     unhealthy("no answer after the writer came back");
   }

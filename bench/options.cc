@@ -28,24 +28,25 @@ Callgrind mode (bench/callgrind.sh):
   --callgrind-target daemon|echo --requests N [--blocks M] --wrapper "valgrind ..."
 )";
 
-void smoke(Options* o) {
-  o->pingPong = 2000;
-  o->unpinned = 500;
-  o->pipelined = 5000;
-  o->calibration = 50;
-  o->store = 50;
-  o->memoryMessages = 5000;
-  o->idleSeconds = 1;
-  o->starts = 2;
-  o->rounds = 1;
-}
-
 }  // namespace
 
 bool parseOptions(int argc, char* argv[], Options* o) {
   std::ostringstream command;
   for (int i = 0; i < argc; ++i) command << (i ? " " : "") << argv[i];
   o->command = command.str();
+  const std::pair<const char*, std::string*> texts[] = {
+      {"--daemon", &o->daemon},   {"--output", &o->output},
+      {"--command", &o->command}, {"--callgrind-results", &o->callgrindResults},
+      {"--micro-results", &o->microResults}, {"--callgrind-target", &o->callgrindTarget},
+  };
+  const std::pair<const char*, long*> numbers[] = {
+      {"--ping-pong", &o->pingPong},     {"--unpinned", &o->unpinned},
+      {"--pipelined", &o->pipelined},    {"--calibration", &o->calibration},
+      {"--store", &o->store},            {"--memory-messages", &o->memoryMessages},
+      {"--idle-seconds", &o->idleSeconds}, {"--starts", &o->starts},
+      {"--rounds", &o->rounds},          {"--cpu", &o->cpu},
+      {"--requests", &o->requests},      {"--blocks", &o->blocks},
+  };
   for (int i = 1; i < argc; ++i) {
     std::string a = argv[i];
     if (a == "--help") {
@@ -53,58 +54,28 @@ bool parseOptions(int argc, char* argv[], Options* o) {
       std::exit(0);
     }
     if (a == "--smoke") {
-      smoke(o);
+      o->pingPong = 2000, o->unpinned = 500, o->pipelined = 5000, o->calibration = 50, o->store = 50;
+      o->memoryMessages = 5000, o->idleSeconds = 1, o->starts = 2, o->rounds = 1;
       continue;
     }
-    if (i + 1 >= argc) {
+    bool known = i + 1 < argc;
+    if (known && a == "--wrapper") {
+      std::istringstream words(argv[++i]);
+      for (std::string w; words >> w;) o->wrapper.push_back(w);
+      continue;
+    }
+    auto text = std::find_if(std::begin(texts), std::end(texts), [&](const auto& t) { return a == t.first; });
+    auto number = std::find_if(std::begin(numbers), std::end(numbers), [&](const auto& n) { return a == n.first; });
+    if (known && text != std::end(texts)) {
+      *text->second = argv[++i];
+    } else if (known && number != std::end(numbers)) {
+      *number->second = std::atol(argv[++i]);
+    } else {
       std::cerr << "dravik_bench: unknown option or missing value: " << a << "\n";
       return false;
     }
-    std::string value = argv[++i];
-    long number = std::atol(value.c_str());
-    if (a == "--daemon") {
-      o->daemon = value;
-    } else if (a == "--output") {
-      o->output = value;
-    } else if (a == "--command") {
-      o->command = value;
-    } else if (a == "--callgrind-results") {
-      o->callgrindResults = value;
-    } else if (a == "--micro-results") {
-      o->microResults = value;
-    } else if (a == "--callgrind-target") {
-      o->callgrindTarget = value;
-    } else if (a == "--wrapper") {
-      std::istringstream words(value);
-      for (std::string w; words >> w;) o->wrapper.push_back(w);
-    } else if (a == "--ping-pong") {
-      o->pingPong = number;
-    } else if (a == "--unpinned") {
-      o->unpinned = number;
-    } else if (a == "--pipelined") {
-      o->pipelined = number;
-    } else if (a == "--calibration") {
-      o->calibration = number;
-    } else if (a == "--store") {
-      o->store = number;
-    } else if (a == "--memory-messages") {
-      o->memoryMessages = number;
-    } else if (a == "--requests") {
-      o->requests = number;
-    } else if (a == "--blocks") {
-      o->blocks = number;
-    } else if (a == "--idle-seconds") {
-      o->idleSeconds = static_cast<int>(number);
-    } else if (a == "--starts") {
-      o->starts = std::max(1, static_cast<int>(number));
-    } else if (a == "--rounds") {
-      o->rounds = std::max(1, static_cast<int>(number));
-    } else if (a == "--cpu") {
-      o->cpu = static_cast<int>(number);
-    } else {
-      std::cerr << "dravik_bench: unknown option " << a << "\n";
-      return false;
-    }
   }
+  o->starts = std::max(o->starts, 1L);
+  o->rounds = std::max(o->rounds, 1L);
   return true;
 }

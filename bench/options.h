@@ -22,10 +22,10 @@ struct Options {
   long calibration = 3000;
   long store = 3000;
   long memoryMessages = 100000;
-  int idleSeconds = 10;
-  int starts = 5;
-  int rounds = 3;
-  int cpu = 0;
+  long idleSeconds = 10;
+  long starts = 5;
+  long rounds = 3;
+  long cpu = 0;
   // Callgrind mode: one server under `wrapper`, `requests` round trips.
   std::string callgrindTarget;
   long requests = 0;

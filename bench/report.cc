@@ -10,7 +10,6 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
-#include <utility>
 #include <vector>
 
 #include "bench/frames.h"
@@ -41,35 +40,47 @@ std::string ratio(double a, double b) { return b > 0 ? fixed(a / b, 2) + "×" : 
 
 std::string verdict(bool met) { return met ? " (met)" : " (missed)"; }
 
-struct Row {
-  std::string measure, raw, logging, daemon, vsRaw, vsLogging, target;
-};
+std::string atLeast(double share, const std::string& of, double value, double baseline) {
+  return "≥ " + fixed(share, 2) + "× " + of + verdict(value >= share * baseline);
+}
+
+// Measure, raw echo, logging echo, dravik, dravik / raw, dravik / logging,
+// target.
+using Row = std::vector<std::string>;
+
+// A figure of the servers, a baseline left out when negative, with dravik's
+// ratio to each baseline present; `decimals` -1 writes thousands.
+Row compared(const std::string& measure, double raw, double logging, double daemon, int decimals,
+             const std::string& target = "") {
+  auto shown = [&](double v) { return v < 0 ? "" : decimals < 0 ? thousands(v) : fixed(v, decimals); };
+  std::string vsRaw = raw < 0 ? "" : ratio(daemon, raw), vsLogging = logging < 0 ? "" : ratio(daemon, logging);
+  return {measure, shown(raw), shown(logging), shown(daemon), vsRaw, vsLogging, target};
+}
+
+Row alone(const std::string& measure, const std::string& value, const std::string& target) {
+  return {measure, "", "", value, "", "", target};
+}
 
 std::string markdown(const std::vector<Row>& rows) {
-  std::ostringstream out;
-  out << "| Measure | raw echo | logging echo | dravik | dravik / raw | dravik / logging | target |\n";
-  out << "|---|---:|---:|---:|---:|---:|---|\n";
-  for (const Row& r : rows) {
-    out << "| " << r.measure << " | " << r.raw << " | " << r.logging << " | " << r.daemon << " | " << r.vsRaw << " | "
-        << r.vsLogging << " | " << r.target << " |\n";
+  std::string out = "| Measure | raw echo | logging echo | dravik | dravik / raw | dravik / logging | target |\n";
+  out += "|---|---:|---:|---:|---:|---:|---|\n";
+  for (const Row& row : rows) {
+    for (const std::string& cell : row) out += "| " + cell + " ";
+    out += "|\n";
   }
-  return out.str();
+  return out;
 }
 
 std::string machine() {
   std::ifstream cpuinfo("/proc/cpuinfo");
-  std::string line, model = "unknown";
-  while (std::getline(cpuinfo, line)) {
-    if (line.rfind("model name", 0) == 0) {
-      model = line.substr(line.find(':') + 2);
-      break;
-    }
+  std::string line;
+  while (std::getline(cpuinfo, line) && line.rfind("model name", 0) != 0) {
   }
+  std::string model = line.rfind("model name", 0) == 0 ? line.substr(line.find(':') + 2) : "unknown";
   utsname u;
   uname(&u);
-  std::ostringstream out;
-  out << "nproc " << sysconf(_SC_NPROCESSORS_ONLN) << ", " << model << ", Linux " << u.release << " " << u.machine;
-  return out.str();
+  return "nproc " + std::to_string(sysconf(_SC_NPROCESSORS_ONLN)) + ", " + model + ", Linux " + u.release + " " +
+         u.machine;
 }
 
 std::string today() {
@@ -81,8 +92,7 @@ std::string today() {
   return text;
 }
 
-// Rate, latencies and server CPU of one ping-pong variant, for the three
-// servers.
+// Rate, latencies and server CPU of one ping-pong variant.
 void addPingPongRows(std::vector<Row>& table, Run* runs, const std::string& label, bool isTarget) {
   double rate[3], p50[3], p99[3], cpu[3];
   for (int k = 0; k < 3; ++k) {
@@ -91,15 +101,11 @@ void addPingPongRows(std::vector<Row>& table, Run* runs, const std::string& labe
     p99[k] = runs[k].percentileUs(0.99);
     cpu[k] = runs[k].cpuUsPer();
   }
-  std::string target = isTarget ? "≥ 0.70× logging" + verdict(rate[2] >= 0.7 * rate[1]) : "information";
-  table.push_back({label + ": round trips/s", thousands(rate[0]), thousands(rate[1]), thousands(rate[2]),
-                   ratio(rate[2], rate[0]), ratio(rate[2], rate[1]), target});
-  table.push_back({label + ": p50 µs", fixed(p50[0], 1), fixed(p50[1], 1), fixed(p50[2], 1), ratio(p50[2], p50[0]),
-                   ratio(p50[2], p50[1]), ""});
-  table.push_back({label + ": p99 µs", fixed(p99[0], 1), fixed(p99[1], 1), fixed(p99[2], 1), ratio(p99[2], p99[0]),
-                   ratio(p99[2], p99[1]), ""});
-  table.push_back({label + ": server CPU µs per request", fixed(cpu[0], 2), fixed(cpu[1], 2), fixed(cpu[2], 2),
-                   ratio(cpu[2], cpu[0]), ratio(cpu[2], cpu[1]), ""});
+  table.push_back(compared(label + ": round trips/s", rate[0], rate[1], rate[2], -1,
+                           isTarget ? atLeast(0.7, "logging", rate[2], rate[1]) : "information"));
+  table.push_back(compared(label + ": p50 µs", p50[0], p50[1], p50[2], 1));
+  table.push_back(compared(label + ": p99 µs", p99[0], p99[1], p99[2], 1));
+  table.push_back(compared(label + ": server CPU µs per request", cpu[0], cpu[1], cpu[2], 2));
 }
 
 void addPipelinedRows(std::vector<Row>& table, const Run* runs) {
@@ -108,21 +114,18 @@ void addPipelinedRows(std::vector<Row>& table, const Run* runs) {
     rate[k] = runs[k].medianRoundRate();
     cpu[k] = runs[k].cpuUsPer();
   }
-  table.push_back({"pipelined: messages/s", thousands(rate[0]), thousands(rate[1]), thousands(rate[2]),
-                   ratio(rate[2], rate[0]), ratio(rate[2], rate[1]),
-                   "≥ 0.70× logging" + verdict(rate[2] >= 0.7 * rate[1])});
-  table.push_back({"pipelined: server CPU µs per message", fixed(cpu[0], 2), fixed(cpu[1], 2), fixed(cpu[2], 2),
-                   ratio(cpu[2], cpu[0]), ratio(cpu[2], cpu[1]), ""});
+  table.push_back(compared("pipelined: messages/s", rate[0], rate[1], rate[2], -1,
+                           atLeast(0.7, "logging", rate[2], rate[1])));
+  table.push_back(compared("pipelined: server CPU µs per message", cpu[0], cpu[1], cpu[2], 2));
 }
 
 void addCalibrationRows(std::vector<Row>& table, const Run& sink, const Run& daemon) {
   double raw = sink.medianRoundRate(), ours = daemon.medianRoundRate();
-  table.push_back({"calibration, 65,488-byte blocks: blocks/s", thousands(raw), "", thousands(ours), ratio(ours, raw),
-                   "", "≥ 0.50× raw" + verdict(ours >= 0.5 * raw)});
-  table.push_back({"calibration: MB/s on the pipe", fixed(raw * kCalibrationFrameSize / 1e6, 0), "",
-                   fixed(ours * kCalibrationFrameSize / 1e6, 0), ratio(ours, raw), "", ""});
-  table.push_back({"calibration: server CPU µs per block", fixed(sink.cpuUsPer(), 1), "", fixed(daemon.cpuUsPer(), 1),
-                   ratio(daemon.cpuUsPer(), sink.cpuUsPer()), "", ""});
+  table.push_back(
+      compared("calibration, 65,488-byte blocks: blocks/s", raw, -1, ours, -1, atLeast(0.5, "raw", ours, raw)));
+  table.push_back(compared("calibration: MB/s on the pipe", raw * kCalibrationFrameSize / 1e6, -1,
+                           ours * kCalibrationFrameSize / 1e6, 0));
+  table.push_back(compared("calibration: server CPU µs per block", sink.cpuUsPer(), -1, daemon.cpuUsPer(), 1));
   table.push_back({"calibration: server minor page faults per block", fixed(sink.faultsPer(), 1), "",
                    fixed(daemon.faultsPer(), 1), "", "", "information"});
 }
@@ -138,8 +141,8 @@ void addCallgrindRow(std::vector<Row>& table, const std::string& results) {
     if (key == "echo") echoIr = value;
   }
   if (daemonIr > 0 && echoIr > 0) {
-    table.push_back({"user-space instructions per request (callgrind)", "", thousands(echoIr), thousands(daemonIr), "",
-                     ratio(daemonIr, echoIr), "≤ 1.50× logging" + verdict(daemonIr <= 1.5 * echoIr)});
+    table.push_back(compared("user-space instructions per request (callgrind)", -1, echoIr, daemonIr, -1,
+                             "≤ 1.50× logging" + verdict(daemonIr <= 1.5 * echoIr)));
   }
 }
 
@@ -172,34 +175,28 @@ std::string report(const Options& o, Measurements& m) {
   addPingPongRows(table, m.loose, "ping-pong unpinned", false);
   addPipelinedRows(table, m.streamed);
   addCalibrationRows(table, m.blocks[0], m.blocks[1]);
-
-  double plain = m.plainNs > 0 ? static_cast<double>(m.storeOps) * 1e9 / static_cast<double>(m.plainNs) : 0;
-  double store = m.storeNs > 0 ? static_cast<double>(m.storeOps) * 1e9 / static_cast<double>(m.storeNs) : 0;
-  table.push_back({"store on tmpfs, 65,488-byte blocks/s (raw: plain unlink+open+write+close)", thousands(plain), "",
-                   thousands(store), ratio(store, plain), "", "≥ 0.70× plain" + verdict(store >= 0.7 * plain)});
-
-  std::string seconds = std::to_string(o.idleSeconds);
-  for (const auto& [label, idle] : {std::pair<std::string, Idle>{"writer connected", m.connected},
-                                    std::pair<std::string, Idle>{"no writer", m.alone}}) {
-    table.push_back({"idle " + seconds + " s, " + label + ": CPU ms / context switches per s", "", "",
-                     fixed(idle.cpuMs, 1) + " / " + fixed(idle.switchesPerSecond, 2), "", "",
-                     "< 1 switch/s, no CPU" + verdict(idle.switchesPerSecond < 1 && idle.cpuMs < 10)});
+  auto perSecond = [&](int64_t ns) { return ns > 0 ? static_cast<double>(m.storeOps) * 1e9 / static_cast<double>(ns) : 0; };
+  double plain = perSecond(m.plainNs), store = perSecond(m.storeNs);
+  table.push_back(compared("store on tmpfs, 65,488-byte blocks/s (raw: plain unlink+open+write+close)", plain, -1,
+                           store, -1, atLeast(0.7, "plain", store, plain)));
+  for (const auto& [label, idle] : {std::make_pair("writer connected", m.connected), std::make_pair("no writer", m.alone)}) {
+    table.push_back(alone("idle " + std::to_string(o.idleSeconds) + " s, " + label + ": CPU ms / context switches per s",
+                          fixed(idle.cpuMs, 1) + " / " + fixed(idle.switchesPerSecond, 2),
+                          "< 1 switch/s, no CPU" + verdict(idle.switchesPerSecond < 1 && idle.cpuMs < 10)));
   }
-  table.push_back({"Private_Dirty KiB: after start / after " + thousands(static_cast<double>(kWarmMessages)) +
-                       " messages / after " + thousands(static_cast<double>(o.memoryMessages)) + " more / at the end",
-                   "", "",
-                   std::to_string(m.dirtyAtStart) + " / " + std::to_string(m.dirtyWarm) + " / " +
-                       std::to_string(m.dirtyAfter) + " / " + std::to_string(m.dirtyAtEnd),
-                   "", "", "≤ 512, flat" + verdict(m.dirtyAfter <= 512 && m.dirtyAfter <= m.dirtyWarm + 8)});
-
+  auto n = [](long value) { return thousands(static_cast<double>(value)); };
+  table.push_back(alone("Private_Dirty KiB: after start / after " + n(kWarmMessages) + " messages / after " +
+                            n(o.memoryMessages) + " more / at the end",
+                        std::to_string(m.dirtyAtStart) + " / " + std::to_string(m.dirtyWarm) + " / " +
+                            std::to_string(m.dirtyAfter) + " / " + std::to_string(m.dirtyAtEnd),
+                        "≤ 512, flat" + verdict(m.dirtyAfter <= 512 && m.dirtyAfter <= m.dirtyWarm + 8)));
   std::vector<double> starts = m.startMs;
   std::sort(starts.begin(), starts.end());
   double median = starts[starts.size() / 2];
-  table.push_back({"start: exec to mailbox open, ms (median / max of " + std::to_string(starts.size()) + ")", "", "",
-                   fixed(median, 2) + " / " + fixed(starts.back(), 2), "", "", "≤ 10 ms" + verdict(median <= 10)});
+  table.push_back(alone("start: exec to mailbox open, ms (median / max of " + std::to_string(starts.size()) + ")",
+                        fixed(median, 2) + " / " + fixed(starts.back(), 2), "≤ 10 ms" + verdict(median <= 10)));
   if (!o.callgrindResults.empty()) addCallgrindRow(table, o.callgrindResults);
 
-  auto n = [](long value) { return thousands(static_cast<double>(value)); };
   std::ostringstream section;
   section << "Machine: " << machine() << ". Date: " << today() << ".\n\n";
   section << "Command: `" << o.command << "`\n\n";

@@ -24,6 +24,9 @@ bool send(Server& server, const char* data, std::size_t size) {
   return false;
 }
 
+// Server CPU from /proc, in clock ticks: meaningful over a second or more.
+int64_t cpuNs(const Server& server) { return static_cast<int64_t>(server.process->cpuSeconds() * 1e9); }
+
 bool receive(Server& server, std::string* answer) {
   std::string error;
   if (server.answers.next(answer, peer::Deadline::never(), -1, &error) == peer::FrameReader::Event::frame) return true;
@@ -75,7 +78,7 @@ Run pingPong(Server& server, const std::string& requests, long count, bool keepL
   run.count = count;
   if (keepLatencies) run.latencyNs.reserve(static_cast<std::size_t>(count));
   std::string answer;
-  long long cpu0 = procstats::cpuNanoseconds(server.pid());
+  int64_t cpu0 = cpuNs(server);
   int64_t start = nowNs();
   for (long i = 0; i < count; ++i) {
     const char* request = requestAt(requests, i);
@@ -88,14 +91,14 @@ Run pingPong(Server& server, const std::string& requests, long count, bool keepL
     if (!answerMatches(answer, request)) ++run.errors;
   }
   run.ns = nowNs() - start;
-  run.cpuNs = procstats::cpuNanoseconds(server.pid()) - cpu0;
+  run.cpuNs = cpuNs(server) - cpu0;
   return run;
 }
 
 Run pipelined(Server& server, const std::string& requests, long count) {
   Run run;
   run.count = count;
-  long long cpu0 = procstats::cpuNanoseconds(server.pid());
+  int64_t cpu0 = cpuNs(server);
   int64_t start = nowNs();
   std::thread writer([&] {
     for (long sent = 0; sent < count;) {
@@ -114,7 +117,7 @@ Run pipelined(Server& server, const std::string& requests, long count) {
   }
   run.ns = nowNs() - start;
   writer.join();
-  run.cpuNs = procstats::cpuNanoseconds(server.pid()) - cpu0;
+  run.cpuNs = cpuNs(server) - cpu0;
   return run;
 }
 
@@ -122,7 +125,7 @@ Run bulk(Server& server, const std::string& block, const std::string& requests, 
   Run run;
   run.count = count;
   std::string answer;
-  long long cpu0 = procstats::cpuNanoseconds(server.pid());
+  int64_t cpu0 = cpuNs(server);
   long long faults0 = procstats::minorFaults(server.pid());
   int64_t start = nowNs();
   for (long i = 0; i < count; ++i) {
@@ -136,19 +139,20 @@ Run bulk(Server& server, const std::string& block, const std::string& requests, 
     ++run.errors;
   }
   run.ns = nowNs() - start;
-  run.cpuNs = procstats::cpuNanoseconds(server.pid()) - cpu0;
+  run.cpuNs = cpuNs(server) - cpu0;
   run.faults = procstats::minorFaults(server.pid()) - faults0;
   return run;
 }
 
-Idle idle(pid_t pid, int seconds) {
-  long long cpu0 = procstats::cpuNanoseconds(pid);
+Idle idle(const Server& server, int seconds) {
+  pid_t pid = server.pid();
+  int64_t cpu0 = cpuNs(server);
   long long switches0 = procstats::contextSwitches(pid);
   int64_t start = nowNs();
   sleep(static_cast<unsigned>(seconds));
   double elapsed = static_cast<double>(nowNs() - start) / 1e9;
   Idle result;
-  result.cpuMs = static_cast<double>(procstats::cpuNanoseconds(pid) - cpu0) / 1e6;
+  result.cpuMs = static_cast<double>(cpuNs(server) - cpu0) / 1e6;
   result.switchesPerSecond = static_cast<double>(procstats::contextSwitches(pid) - switches0) / elapsed;
   return result;
 }

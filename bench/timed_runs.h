@@ -5,8 +5,6 @@
 #ifndef DRAVIK_BENCH_TIMED_RUNS_H_
 #define DRAVIK_BENCH_TIMED_RUNS_H_
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -47,7 +45,7 @@ struct Idle {
   double cpuMs = 0;
   double switchesPerSecond = 0;
 };
-// CPU time and context switches of `pid` over `seconds` of sleep.
-Idle idle(pid_t pid, int seconds);
+// The server's CPU time and context switches over `seconds` of sleep.
+Idle idle(const Server& server, int seconds);
 
 #endif  // DRAVIK_BENCH_TIMED_RUNS_H_
