@@ -106,7 +106,8 @@ void Benchmark::measureMemory(Measurements& m) {
 }
 
 // One request outstanding, first with every process on one CPU, then
-// unpinned; the servers take turns round by round.
+// unpinned; the servers take turns round by round. The daemon with a tap
+// attached, for the tap's cost, is one more turn of the same rounds.
 void Benchmark::measurePingPong(Measurements& m) {
   phase("ping-pong", 600);
   for (Server* server : all_) m.errors += pingPong(*server, requests_, 2000, false).errors;

@@ -30,7 +30,8 @@ int64_t cpuNs(const Server& server) { return static_cast<int64_t>(server.process
 bool receive(Server& server, std::string* answer) {
   std::string error;
   if (server.answers.next(answer, peer::Deadline::never(), -1, &error) == peer::FrameReader::Event::frame) return true;
-  std::cerr << "dravik_bench: " << server.name << ": no answer " << error << std::endl;
+  std::cerr << "dravik_bench: " << server.name << ": no answer: " << (error.empty() ? "the pipe closed" : error)
+            << std::endl;
   return false;
 }
 
