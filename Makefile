@@ -53,12 +53,13 @@ run: build
 clean:
 	rm -rf $(BUILD)
 
-# The daemon with simulated peers in a private sandbox, as one timestamped
-# transcript (root: it uses a mount namespace). Ends by itself in under a minute.
+# The daemon with simulated peers in the harness sandbox, as one timestamped
+# transcript (a mount namespace: root, or a user namespace of one's own).
+# Ends by itself in under a minute.
 .PHONY: demo
 demo: configure
-	cmake --build $(BUILD) -j $(JOBS) --target dravik dravikctl
-	bash tools/demo.sh $(BUILD)
+	cmake --build $(BUILD) -j $(JOBS) --target dravik_demo
+	$(BUILD)/tools/dravik_demo
 
 # Benchmarks, in a build directory of their own and never part of `make test`
 # (root: they run the daemon in a mount namespace). `make bench` measures the

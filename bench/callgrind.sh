@@ -16,7 +16,7 @@ cd "$(dirname "$0")/.."
 BUILD=${1:-build-bench}
 REQUESTS=${2:-5000}
 BENCH=$BUILD/bench/dravik_bench
-command -v valgrind >/dev/null || { echo "callgrind.sh: valgrind is not installed (apt-get install valgrind)" >&2; exit 2; }
+VALGRIND=$(command -v valgrind) || { echo "callgrind.sh: valgrind is not installed (apt-get install valgrind)" >&2; exit 2; }
 [ -x "$BENCH" ] || { echo "callgrind.sh: $BENCH not built (cmake -DDRAVIK_BENCH=ON)" >&2; exit 2; }
 OUT=$(realpath "$BUILD")/callgrind
 mkdir -p "$OUT"
@@ -34,7 +34,7 @@ esac
 run() {  # target requests
   local name=$WORK/$1.$2
   if ! "$BENCH" --callgrind-target "$1" --requests "$2" \
-      --wrapper "valgrind --tool=callgrind --callgrind-out-file=$name.out" >"$name.log" 2>&1; then
+      --wrapper "$VALGRIND --tool=callgrind --callgrind-out-file=$name.out" >"$name.log" 2>&1; then
     cat "$name.log" >&2
     exit 1
   fi

@@ -1,29 +1,32 @@
-// Micro-benchmarks of the transport's per-message work, without pipes or
-// syslog: framing a 52-byte request and a 65,540-byte calibration frame
-// (payload 65,536, the largest) with BinaryOutputFifo::send, reading and
-// decoding the same frames with BinaryInputFifo::getMessage, decoding the
-// message alone, and the daemon's encoding of its 101-byte answer.
+// Micro-benchmarks of the transport's per-message work, without syslog:
+// framing a 52-byte request and a 65,540-byte calibration frame (payload
+// 65,536, the largest) with BinaryOutputFifo::send, reading and decoding the
+// same frames with BinaryInputFifo::getMessage, decoding the message alone,
+// and the daemon's encoding of its 101-byte answer.
 //
-// The writer's target is /dev/null and the reader's a file of frames, so a
-// write or read system call stays in each figure; BM_WriteDevNull gives the
-// write alone. Log lines go to a sink that drops them.
+// The endpoints open nothing but named pipes, so the writer's target is a
+// FIFO emptied between timings and the reader's a FIFO that a thread keeps
+// full of frames: a pipe write or read stays in each figure, and
+// BM_WritePipe gives the write alone. Log lines go to a sink that drops
+// them.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <stdlib.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <string>
+#include <thread>
 
-#include "bench/peer_messages.h"
+#include "bench/frames.h"
 #include "messaging/binary_fifo.h"
 #include "messaging/memory_stream.h"
 #include "messaging/system_log.h"
 #include "store/service_messages.h"
 #include "store/store_layout.h"
+#include "tools/harness/temp_dir.h"
+#include "tools/peer/frame_codec.h"
 
 namespace {
 
@@ -34,110 +37,138 @@ void dropLine(int, const std::string&) {}
 struct Setup {
   Setup() {
     systemlog::redirect(dropLine);
+    signal(SIGPIPE, SIG_IGN);  // a fed FIFO's feeder learns of its reader's end by EPIPE
     registerSelector(kGetAnalyticsFilterDataSelector, newMessage<GetAnalyticsFilterDataRequest>);
     registerSelector(kCalibrationDataResponseSelector, newMessage<CalibrationDataResponse>);
   }
 };
 const Setup setup;
 
-// A temporary directory for the frame files, removed at exit.
-class Scratch {
- public:
-  Scratch() {
-    const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/dravik-micro.XXXXXX";
-    if (mkdtemp(&pattern[0]) != nullptr) path_ = pattern;
-  }
-  ~Scratch() {
-    if (!path_.empty()) std::filesystem::remove_all(path_);
-  }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-std::string scratchDirectory() {
-  static Scratch scratch;
-  return scratch.path();
+const TempDir& scratch() {
+  static TempDir directory;
+  return directory;
 }
 
-FilterPathRequest makeRequest() {
-  FilterPathRequest request;
+std::string calibrationBlock() { return std::string(kCalibrationBlockSize, '\x5a'); }
+
+peer::CatalogueMessage makeRequest() {
+  peer::CatalogueMessage request("GetAnalyticsFilterDataRequest", {3});
   request.sender = 7;
-  request.recipient = 13;
-  request.responseSelector = 13003;
-  request.channel = 3;
   return request;
 }
 
-std::unique_ptr<CalibrationAnswer> makeCalibration() {
-  auto answer = std::make_unique<CalibrationAnswer>();
-  answer->sender = 11;
-  answer->recipient = 13;
-  answer->correlationId = 999999;
-  std::string block(kCalibrationBlockSize, '\x5a');
-  answer->calibrationData.assign(block.data(), kCalibrationBlockSize);
+peer::CatalogueMessage makeCalibration() {
+  peer::CatalogueMessage answer("CalibrationDataResponse", {calibrationBlock()});
+  answer.sender = kEngineEndpoint;
+  answer.correlationId = 999999;
   return answer;
 }
 
-// `copies` frames of `message`, framed by the library, in a file.
-std::string frameFile(const BinaryMessage& message, int copies, const char* name) {
-  std::string path = scratchDirectory() + "/" + name;
-  FrameRecorder recorder(path);
-  for (int i = 0; i < copies; ++i) recorder.add(message);
-  return path;
+// A FIFO of 1 MiB stands in for /dev/null: the endpoint writes into it,
+// and the benchmark empties it, outside the timing, before it can fill.
+// Nothing reads it meanwhile, so no write pays for waking a reader.
+class SinkPipe {
+ public:
+  SinkPipe() : path_(scratch().file("sink")), out_(path_.c_str()) {
+    mkfifo(path_.c_str(), 0600);
+    out_.open();
+    fcntl(out_.stream.buffer().descriptor(), F_SETPIPE_SZ, kCapacity);
+    drain_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  }
+  BinaryOutputFifo& out() { return out_; }
+  int descriptor() { return out_.stream.buffer().descriptor(); }
+
+  // Call before writing `size` bytes.
+  void makeRoom(benchmark::State& state, std::size_t size) {
+    if (pending_ + size <= kCapacity / 2) {
+      pending_ += size;
+      return;
+    }
+    state.PauseTiming();
+    std::unique_ptr<char[]> chunk(new char[kCapacity]);
+    while (::read(drain_, chunk.get(), kCapacity) > 0) {
+    }
+    state.ResumeTiming();
+    pending_ = size;
+  }
+
+ private:
+  static constexpr int kCapacity = 1 << 20;
+  std::string path_;
+  BinaryOutputFifo out_;
+  int drain_ = -1;
+  std::size_t pending_ = 0;
+};
+
+SinkPipe& sink() {
+  static SinkPipe* pipe = new SinkPipe;
+  return *pipe;
 }
 
-BinaryOutputFifo& devNull() {
-  static BinaryOutputFifo* out = [] {
-    auto* fifo = new BinaryOutputFifo("/dev/null");
-    fifo->open();
-    return fifo;
-  }();
-  return *out;
-}
+// A FIFO that a thread fills with copies of `frames` until its reader
+// closes it; opened as BinaryInputFifo::open() does, without its console
+// line.
+class FedPipe {
+ public:
+  FedPipe(const std::string& frames, const char* name) : path_(scratch().file(name)), in_(path_.c_str()) {
+    mkfifo(path_.c_str(), 0600);
+    feeder_ = std::thread([this, frames] {
+      int fd = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+      // Many frames ahead, so that the reader takes whole 64 KiB reads.
+      if (fd >= 0) fcntl(fd, F_SETPIPE_SZ, 1 << 20);
+      while (fd >= 0 && ::write(fd, frames.data(), frames.size()) > 0) {
+      }
+      if (fd >= 0) ::close(fd);
+    });
+    in_.stream.exceptions(std::ios::badbit | std::ios::failbit);
+    in_.stream.open(path_.c_str());
+    in_.stream.clear();
+  }
+  ~FedPipe() {
+    in_.stream.close();
+    feeder_.join();
+  }
+  BinaryInputFifo& in() { return in_; }
+
+ private:
+  std::string path_;
+  BinaryInputFifo in_;
+  std::thread feeder_;
+};
 
 void BM_FrameRequest52(benchmark::State& state) {
-  FilterPathRequest request = makeRequest();
-  for (auto _ : state) devNull().send(request);
+  peer::CatalogueMessage request = makeRequest();
+  for (auto _ : state) {
+    sink().makeRoom(state, kRequestFrameSize);
+    sink().out().send(request);
+  }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kRequestFrameSize));
 }
 BENCHMARK(BM_FrameRequest52);
 
 void BM_FrameCalibration65536(benchmark::State& state) {
-  auto answer = makeCalibration();
-  for (auto _ : state) devNull().send(*answer);
+  peer::CatalogueMessage answer = makeCalibration();
+  for (auto _ : state) {
+    sink().makeRoom(state, kCalibrationFrameSize);
+    sink().out().send(answer);
+  }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kCalibrationFrameSize));
 }
 BENCHMARK(BM_FrameCalibration65536);
 
-void BM_WriteDevNull(benchmark::State& state) {
+void BM_WritePipe(benchmark::State& state) {
   std::string bytes(static_cast<std::size_t>(state.range(0)), '\0');
-  int fd = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-  for (auto _ : state) benchmark::DoNotOptimize(::write(fd, bytes.data(), bytes.size()));
-  ::close(fd);
-}
-BENCHMARK(BM_WriteDevNull)->Arg(kRequestFrameSize)->Arg(kCalibrationFrameSize);
-
-// getMessage over a file of `copies` frames, reopened before it runs dry.
-// The stream is opened as BinaryInputFifo::open() does, without its console
-// line.
-void readFrames(benchmark::State& state, const std::string& path, int copies, int32_t selector) {
-  BinaryInputFifo in(path.c_str());
-  in.stream.exceptions(std::ios::badbit | std::ios::failbit);
-  in.stream.open(path.c_str());
-  in.stream.clear();
-  int left = copies;
   for (auto _ : state) {
-    if (left == 0) {
-      in.stream.close();
-      in.stream.open(path.c_str());
-      in.stream.clear();
-      left = copies;
-    }
-    BinaryMessage* message = in.getMessage();
-    --left;
+    sink().makeRoom(state, bytes.size());
+    benchmark::DoNotOptimize(::write(sink().descriptor(), bytes.data(), bytes.size()));
+  }
+}
+BENCHMARK(BM_WritePipe)->Arg(kRequestFrameSize)->Arg(kCalibrationFrameSize);
+
+void readFrames(benchmark::State& state, const std::string& frames, const char* name, int32_t selector) {
+  FedPipe pipe(frames, name);
+  for (auto _ : state) {
+    BinaryMessage* message = pipe.in().getMessage();
     if (message == nullptr || message == notGoodResult<BinaryMessage>() || message->getSelector() != selector) {
       state.SkipWithError("frame not decoded");
       break;
@@ -147,17 +178,15 @@ void readFrames(benchmark::State& state, const std::string& path, int copies, in
 }
 
 void BM_ReadDecodeRequest52(benchmark::State& state) {
-  constexpr int kCopies = 4096;
-  static const std::string path = frameFile(makeRequest(), kCopies, "requests");
-  readFrames(state, path, kCopies, kGetAnalyticsFilterDataSelector);
+  std::string frames;
+  for (std::size_t i = 0; i < kMaxPayloadLength / kRequestFrameSize; ++i) frames += encodeFrame(makeRequest());
+  readFrames(state, frames, "requests", kGetAnalyticsFilterDataSelector);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kRequestFrameSize));
 }
 BENCHMARK(BM_ReadDecodeRequest52);
 
 void BM_ReadDecodeCalibration65536(benchmark::State& state) {
-  constexpr int kCopies = 64;
-  static const std::string path = frameFile(*makeCalibration(), kCopies, "calibration");
-  readFrames(state, path, kCopies, kCalibrationDataResponseSelector);
+  readFrames(state, encodeFrame(makeCalibration()), "calibration", kCalibrationDataResponseSelector);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kCalibrationFrameSize));
 }
 BENCHMARK(BM_ReadDecodeCalibration65536);
@@ -165,13 +194,9 @@ BENCHMARK(BM_ReadDecodeCalibration65536);
 // The registry's class decoding a payload from memory: no frame, no copy of
 // the argument block for the report.
 void decodeOnly(benchmark::State& state, const BinaryMessage& message, int32_t selector) {
-  std::string frames = [&] {
-    std::string path = frameFile(message, 1, "one");
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  }();
+  std::string frame = encodeFrame(message);
   for (auto _ : state) {
-    MemoryInputBuffer buffer(frames.data() + 4, frames.size() - 4);
+    MemoryInputBuffer buffer(frame.data() + kFrameLengthSize, frame.size() - kFrameLengthSize);
     std::istream payload(&buffer);
     bistream decoder(payload);
     std::unique_ptr<BinaryMessage> decoded(createMessage(selector, decoder));
@@ -185,7 +210,7 @@ void BM_DecodeOnlyRequest52(benchmark::State& state) {
 BENCHMARK(BM_DecodeOnlyRequest52);
 
 void BM_DecodeOnlyCalibration65536(benchmark::State& state) {
-  decodeOnly(state, *makeCalibration(), kCalibrationDataResponseSelector);
+  decodeOnly(state, makeCalibration(), kCalibrationDataResponseSelector);
 }
 BENCHMARK(BM_DecodeOnlyCalibration65536);
 
@@ -193,20 +218,23 @@ BENCHMARK(BM_DecodeOnlyCalibration65536);
 // build the response, encode it (the path and its log line are made while
 // encoding) and write the 101-byte frame.
 void BM_EncodeResponse101(benchmark::State& state) {
-  BinaryMessage::notificationOutput = &devNull();
-  BinaryMessage::defaultSender = 13;
+  BinaryMessage::notificationOutput = &sink().out();
+  BinaryMessage::defaultSender = kServiceEndpoint;
   GetAnalyticsFilterDataRequest request;
   request.sender = 7;
-  request.responseSelector = 13003;
+  request.responseSelector = kGetAnalyticsFilterDataResponseSelector;
   request.channel = 3;
-  for (auto _ : state) request.Process();
+  for (auto _ : state) {
+    sink().makeRoom(state, kAnswerFrameSize);
+    request.Process();
+  }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kAnswerFrameSize));
 }
 BENCHMARK(BM_EncodeResponse101);
 
-// The part of the above that composes the log line in a string stream.
+// The part of the above that composes the log line.
 void BM_LogLineCompose(benchmark::State& state) {
-  std::string path = "/etc/sysconfig/dravik/zek/tbe/metadataFilterCH3.xml";
+  std::string path = FilterFilePath(3);
   for (auto _ : state) LogLine(LOG_INFO) << "Sending get CH=" << 3 << " " << path;
 }
 BENCHMARK(BM_LogLineCompose);
@@ -215,11 +243,13 @@ BENCHMARK(BM_LogLineCompose);
 // against the same bytes written with plain system calls, in the scratch
 // directory (tmpfs when TMPDIR or /tmp is one).
 void BM_StoreCalibrationFile(benchmark::State& state) {
-  std::string path = scratchDirectory() + "/store.bin";
-  auto answer = makeCalibration();
+  std::string path = scratch().file("store.bin");
+  std::string block = calibrationBlock();
+  byteArray calibration;
+  calibration.assign(block.data(), kCalibrationBlockSize);
   for (auto _ : state) {
     RemoveStoreFile(path);
-    if (WriteCalibrationFile(path, answer->calibrationData) != CalibrationWrite::written) {
+    if (WriteCalibrationFile(path, calibration) != CalibrationWrite::written) {
       state.SkipWithError("write failed");
       break;
     }
@@ -228,13 +258,12 @@ void BM_StoreCalibrationFile(benchmark::State& state) {
 BENCHMARK(BM_StoreCalibrationFile);
 
 void BM_PlainCalibrationFile(benchmark::State& state) {
-  std::string path = scratchDirectory() + "/plain.bin";
-  auto answer = makeCalibration();
+  std::string path = scratch().file("plain.bin");
+  std::string block = calibrationBlock();
   for (auto _ : state) {
     unlink(path.c_str());
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0 || ::write(fd, answer->calibrationData.data, answer->calibrationData.length) !=
-                      static_cast<ssize_t>(answer->calibrationData.length)) {
+    if (fd < 0 || ::write(fd, block.data(), block.size()) != static_cast<ssize_t>(block.size())) {
       state.SkipWithError("write failed");
       break;
     }

@@ -5,9 +5,7 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -16,84 +14,63 @@
 namespace procstats {
 namespace {
 
+std::string proc(pid_t pid, const std::string& file) { return "/proc/" + std::to_string(pid) + "/" + file; }
+
 std::vector<pid_t> threadsOf(pid_t pid) {
   std::vector<pid_t> tids;
-  std::string path = "/proc/" + std::to_string(pid) + "/task";
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return tids;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') tids.push_back(static_cast<pid_t>(std::atol(entry->d_name)));
+  if (DIR* dir = opendir(proc(pid, "task").c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      if (entry->d_name[0] != '.') tids.push_back(static_cast<pid_t>(std::atol(entry->d_name)));
+    }
+    closedir(dir);
   }
-  closedir(dir);
   return tids;
 }
 
 cpu_set_t cpuSet(int cpu) {
   cpu_set_t set;
   CPU_ZERO(&set);
-  if (cpu >= 0) {
-    CPU_SET(cpu, &set);
-  } else {
-    long count = sysconf(_SC_NPROCESSORS_CONF);
-    for (long i = 0; i < count && i < CPU_SETSIZE; ++i) CPU_SET(static_cast<int>(i), &set);
+  for (long i = 0; i < sysconf(_SC_NPROCESSORS_CONF) && i < CPU_SETSIZE; ++i) {
+    if (cpu < 0 || i == cpu) CPU_SET(static_cast<int>(i), &set);
   }
   return set;
 }
 
-// Fields `first` to `last` (numbered as in proc(5)) of /proc/PID/stat.
-std::vector<unsigned long long> statFields(pid_t pid, int first, int last) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::vector<unsigned long long> values;
-  // The command name may hold blanks and parentheses: field 3 follows the
-  // last ')'.
-  std::size_t close = text.rfind(')');
-  if (close == std::string::npos) return values;
-  std::istringstream fields(text.substr(close + 2));
-  std::string field;
-  for (int i = 3; i <= last && fields >> field; ++i) {
-    if (i >= first) values.push_back(std::strtoull(field.c_str(), nullptr, 10));
+// The value after `key` on the first line of `path` that begins with it.
+long long valueAfter(const std::string& path, const std::string& key) {
+  std::ifstream in(path);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(key, 0) == 0) return std::atoll(line.c_str() + key.size());
   }
-  return values;
+  return -1;
 }
 
 }  // namespace
 
-long long cpuNanoseconds(pid_t pid) {
-  std::vector<unsigned long long> times = statFields(pid, 14, 15);  // utime, stime
-  if (times.size() != 2) return -1;
-  unsigned long long utime = times[0], stime = times[1];
-  static const long ticks = sysconf(_SC_CLK_TCK);
-  return static_cast<long long>((utime + stime) * (1000000000ULL / static_cast<unsigned long long>(ticks)));
-}
-
 long long minorFaults(pid_t pid) {
-  std::vector<unsigned long long> faults = statFields(pid, 10, 10);
-  return faults.empty() ? -1 : static_cast<long long>(faults[0]);
+  std::ifstream in(proc(pid, "stat"));
+  std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // The command name may hold blanks and parentheses: field 3 follows the
+  // last ')', and minflt is field 10.
+  std::size_t close = text.rfind(')');
+  if (close == std::string::npos) return -1;
+  std::istringstream fields(text.substr(close + 2));
+  std::string field;
+  for (int i = 3; i <= 10 && fields >> field; ++i) {
+  }
+  return std::atoll(field.c_str());
 }
 
 long long contextSwitches(pid_t pid) {
   long long total = 0;
   for (pid_t tid : threadsOf(pid)) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-      if (line.rfind("voluntary_ctxt_switches:", 0) == 0 || line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
-        total += std::atoll(line.c_str() + line.find(':') + 1);
-      }
-    }
+    std::string status = proc(pid, "task/" + std::to_string(tid) + "/status");
+    total += valueAfter(status, "voluntary_ctxt_switches:") + valueAfter(status, "nonvoluntary_ctxt_switches:");
   }
   return total;
 }
 
-long privateDirtyKiB(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/smaps_rollup");
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.rfind("Private_Dirty:", 0) == 0) return std::atol(line.c_str() + 14);
-  }
-  return -1;
-}
+long privateDirtyKiB(pid_t pid) { return static_cast<long>(valueAfter(proc(pid, "smaps_rollup"), "Private_Dirty:")); }
 
 bool setAffinity(pid_t pid, int cpu) {
   cpu_set_t set = cpuSet(cpu);

@@ -1,16 +1,12 @@
-// What /proc tells about another process: CPU time, context switches, dirty
-// private memory, and which CPUs its threads may run on.
+// What /proc tells about another process beside its CPU time
+// (ChildProcess::cpuSeconds): page faults, context switches, dirty private
+// memory, and which CPUs its threads may run on.
 #ifndef DRAVIK_BENCH_PROC_STATS_H_
 #define DRAVIK_BENCH_PROC_STATS_H_
 
 #include <sys/types.h>
 
 namespace procstats {
-
-// utime + stime of the whole process (all threads), in nanoseconds; the
-// kernel counts in clock ticks, so the resolution is 1/CLK_TCK s (10 ms).
-// -1 if the process is gone.
-long long cpuNanoseconds(pid_t pid);
 
 // Minor page faults of the whole process.
 long long minorFaults(pid_t pid);

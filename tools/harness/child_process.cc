@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <grp.h>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -56,6 +57,7 @@ ChildProcess::~ChildProcess() {
   }
   if (drainer_.joinable()) drainer_.join();
   if (pidFd_ >= 0) close(pidFd_);
+  if (execAt_ != nullptr) munmap(execAt_, sizeof *execAt_);
 }
 
 bool ChildProcess::start(int binaryFd, const std::string& name, const std::vector<std::string>& args,
@@ -101,6 +103,8 @@ bool ChildProcess::start(int binaryFd, const std::string& name, const std::vecto
   }
   int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
   pid_t parent = getpid();
+  void* shared = mmap(nullptr, sizeof *execAt_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (shared != MAP_FAILED) execAt_ = static_cast<int64_t*>(shared);
 
   pid_t pid = fork();
   if (pid < 0) {
@@ -123,6 +127,11 @@ bool ChildProcess::start(int binaryFd, const std::string& name, const std::vecto
     if (!options.wrapper.empty()) fcntl(binaryFd, F_SETFD, 0);
     if (options.gid != static_cast<gid_t>(-1) && (setgroups(0, nullptr) != 0 || setgid(options.gid) != 0)) _exit(126);
     if (options.uid != static_cast<uid_t>(-1) && setuid(options.uid) != 0) _exit(126);
+    if (execAt_ != nullptr) {
+      struct timespec now;
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      __atomic_store_n(execAt_, static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec, __ATOMIC_RELEASE);
+    }
     execve(program.c_str(), argv.data(), envp.data());
     _exit(126);
   }
@@ -254,6 +263,13 @@ double ChildProcess::cpuSeconds() const {
   }
   if (!(fields >> utime >> stime)) return -1;
   return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+std::optional<std::chrono::steady_clock::time_point> ChildProcess::execTime() const {
+  if (execAt_ == nullptr) return std::nullopt;
+  int64_t at = __atomic_load_n(execAt_, __ATOMIC_ACQUIRE);
+  if (at == 0) return std::nullopt;
+  return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(at));
 }
 
 bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout) {

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -75,6 +76,11 @@ class ChildProcess {
   // seconds; negative if unreadable.
   double cpuSeconds() const;
 
+  // The moment the child called execve (the wrapper's, with a wrapper), on
+  // the steady clock: for timing a program's start from its very first
+  // instruction. Empty until the child has got that far.
+  std::optional<std::chrono::steady_clock::time_point> execTime() const;
+
  private:
   void drain(int outFd, int errFd);
   bool waitForText(const std::string& needle, bool fromErr, std::chrono::milliseconds timeout) const;
@@ -82,6 +88,9 @@ class ChildProcess {
 
   pid_t pid_ = -1;
   int pidFd_ = -1;
+  // Nanoseconds on CLOCK_MONOTONIC, shared with the child, which writes
+  // them just before execve.
+  int64_t* execAt_ = nullptr;
   std::optional<int> status_;
   std::thread drainer_;
   std::function<void(bool, const std::string&)> onOutput_;

@@ -90,13 +90,17 @@ bool MailboxWriter::open(const std::string& path, std::string* error) {
 }
 
 bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, std::string* error) {
+  return write(frame.data(), frame.size(), deadline, error);
+}
+
+bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& deadline, std::string* error) {
   if (fd_ < 0) {
     *error = "no daemon is reading " + path_;
     return false;
   }
   std::size_t done = 0;
-  while (done < frame.size()) {
-    ssize_t n = ::write(fd_, frame.data() + done, frame.size() - done);
+  while (done < size) {
+    ssize_t n = ::write(fd_, data + done, size - done);
     if (n > 0) {
       done += static_cast<std::size_t>(n);
       continue;
@@ -164,24 +168,31 @@ bool FrameReader::reopen(std::string* error) {
   return ok;
 }
 
+void FrameAssembler::append(const char* bytes, std::size_t count) {
+  buffer_.erase(0, start_);
+  start_ = 0;
+  buffer_.append(bytes, count);
+}
+
 bool FrameAssembler::next(std::string* frame) {
-  if (buffer_.size() < kFrameLengthSize) return false;
-  MemoryInputBuffer prefix(buffer_.data(), kFrameLengthSize);
-  std::istream prefixStream(&prefix);
+  if (buffer_.size() - start_ < kFrameLengthSize) return false;
+  prefix_.reset(buffer_.data() + start_, kFrameLengthSize);
+  prefixStream_.clear();
   uint32_t length = 0;
-  bistream(prefixStream) >> length;
+  bistream(prefixStream_) >> length;
   // A refused length gives no way to find the next frame: as the service's
   // own reader does, take the following bytes as the next length.
   std::size_t size = (length == 0 || length > kMaxPayloadLength) ? kFrameLengthSize : kFrameLengthSize + length;
-  if (buffer_.size() < size) return false;
-  frame->assign(buffer_, 0, size);
-  buffer_.erase(0, size);
+  if (buffer_.size() - start_ < size) return false;
+  frame->assign(buffer_, start_, size);
+  start_ += size;
   return true;
 }
 
 std::string FrameAssembler::takeRest() {
-  std::string rest;
-  rest.swap(buffer_);
+  std::string rest = buffer_.substr(start_);
+  buffer_.clear();
+  start_ = 0;
   return rest;
 }
 

@@ -8,7 +8,10 @@
 
 #include <time.h>
 
+#include <istream>
 #include <string>
+
+#include "messaging/memory_stream.h"
 
 namespace peer {
 
@@ -42,6 +45,9 @@ class MailboxWriter {
   // `deadline`. False with the reason in `error`; a reader that has gone
   // closes the writer.
   bool write(const std::string& frame, const Deadline& deadline, std::string* error);
+  // The same for `size` bytes at `data`: a part of a larger buffer, or
+  // several frames at once.
+  bool write(const char* data, std::size_t size, const Deadline& deadline, std::string* error);
   void close();
 
  private:
@@ -55,15 +61,21 @@ class MailboxWriter {
 // it.
 class FrameAssembler {
  public:
-  void append(const char* bytes, std::size_t count) { buffer_.append(bytes, count); }
+  void append(const char* bytes, std::size_t count);
   // The next whole frame, if the bytes hold one.
   bool next(std::string* frame);
   // Whatever is left of a frame cut short.
   std::string takeRest();
-  bool empty() const { return buffer_.empty(); }
+  bool empty() const { return start_ == buffer_.size(); }
 
  private:
+  // Frames taken are skipped, not erased, until the next append: a read
+  // of many small frames costs one move of the rest, not one per frame.
   std::string buffer_;
+  std::size_t start_ = 0;
+  // Each length prefix is decoded through this one stream.
+  MemoryInputBuffer prefix_{nullptr, 0};
+  std::istream prefixStream_{&prefix_};
 };
 
 // Frames from the service's notification pipe.

@@ -149,7 +149,7 @@ void SyslogReader::drain() {
 
 std::vector<SyslogRecord> SyslogReader::records() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return records_;
+  return std::vector<SyslogRecord>(records_.begin(), records_.end());
 }
 
 std::vector<SyslogLine> SyslogReader::lines(pid_t pid) const {

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -72,7 +73,10 @@ class SyslogReader {
   std::function<void(const SyslogRecord&)> callback_;
   mutable std::mutex mutex_;
   mutable std::condition_variable changed_;
-  std::vector<SyslogRecord> records_;
+  // A deque: growing it never moves what was collected, so a reader that
+  // runs for hundreds of thousands of lines does not stall its drain (and
+  // with it the senders) to copy them.
+  std::deque<SyslogRecord> records_;
   int markers_ = 0;
 };
 

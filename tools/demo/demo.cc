@@ -1,0 +1,299 @@
+// dravik_demo: the daemon at work with its peers, as one timestamped
+// transcript (time UTC, source, text).
+//
+//   dravik_demo      (`make demo` builds and runs it)
+//
+// Runs the real dravik in the harness sandbox (its own /tmp, /etc/sysconfig
+// and /dev/log) beside `dravikctl simulate`, which plays the analytics
+// engine (endpoint 11) and endpoint 2, and walks a short scenario. With
+// libfaketime the daemon's clock runs 200 times faster, so that its
+// half-hour pause and the first hourly calibration cycle take seconds.
+// Sources: demo (narration), $ (a command), > (its output), recv/send (the
+// simulated peers, or the demo's own request), sim (simulator notes),
+// syslog (the daemon's log), daemon (its console).
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "messaging/binary_fifo.h"
+#include "store/store_layout.h"
+#include "tools/dravikctl/frame_printer.h"
+#include "tools/harness/child_process.h"
+#include "tools/harness/faketime.h"
+#include "tools/harness/sandbox.h"
+#include "tools/peer/frame_codec.h"
+#include "tools/peer/pipe_peer.h"
+#include "tools/peer/syslog_reader.h"
+
+namespace {
+
+using std::chrono::seconds;
+
+constexpr const char* kMailbox = "/tmp/dravik.mailbox";
+constexpr const char* kNotifications = "/tmp/comm.mailbox";
+// On the store's file system, so that the daemon can rename a filter into it.
+constexpr const char* kIncoming = "/etc/sysconfig/dravik/incoming/";
+constexpr int kSpeedUp = 200;
+
+std::mutex printing;
+auto started = std::chrono::steady_clock::now();
+
+// One line of the transcript as it is, then one stamped now.
+void emit(const std::string& text) {
+  std::lock_guard<std::mutex> lock(printing);
+  std::printf("%s\n", text.c_str());
+  std::fflush(stdout);
+}
+
+void line(const std::string& source, const std::string& text) {
+  emit(dravikctl::timeOfDay(dravikctl::wallClock()) + " " + source + " " + text);
+}
+
+void say(const std::string& text) { line("demo", text); }
+
+void step(const std::string& title) {
+  emit("");
+  say("==== " + title);
+}
+
+// A ChildProcess output callback that prints whole lines: standard output
+// under `out` (nothing: the line carries its own time and source, as the
+// simulator's do), standard error under `err`.
+std::function<void(bool, const std::string&)> printer(const std::string& out, const std::string& err) {
+  auto pending = std::make_shared<std::pair<std::string, std::string>>();
+  return [=](bool fromErr, const std::string& text) {
+    std::string& buffer = fromErr ? pending->second : pending->first;
+    buffer += text;
+    for (std::size_t end; (end = buffer.find('\n')) != std::string::npos; buffer.erase(0, end + 1)) {
+      std::string whole = buffer.substr(0, end);
+      fromErr || !out.empty() ? line(fromErr ? err : out, whole) : emit(whole);
+    }
+  };
+}
+
+// The programs, the daemon's log and the running children.
+int daemonExe = -1, ctlExe = -1;
+std::string faketime;
+SyslogReader syslogReader;
+std::unique_ptr<ChildProcess> daemon, simulator;
+
+// Shows `program` with `args` as a command line and starts it.
+std::unique_ptr<ChildProcess> start(int exe, const std::string& program, const std::vector<std::string>& args,
+                                    const ChildOptions& options) {
+  std::string shown = program;
+  for (const std::string& a : args) shown += " " + a;
+  line("$", shown);
+  auto child = std::make_unique<ChildProcess>();
+  std::string why;
+  if (!child->start(exe, program, args, options, &why)) say("(" + program + " did not start: " + why + ")");
+  return child;
+}
+
+void startDaemon() {
+  ChildOptions options;
+  options.onOutput = printer("daemon", "daemon");
+  if (!faketime.empty()) options.environment = {"LD_PRELOAD=" + faketime, "FAKETIME=+0 x" + std::to_string(kSpeedUp)};
+  daemon = start(daemonExe, "dravik", {"-s", "0"}, options);
+}
+
+void stopDaemon() {
+  line("$", "kill -TERM " + std::to_string(daemon->pid()));
+  daemon->signal(SIGTERM);
+  std::optional<int> status = daemon->wait(seconds(10));
+  say("dravik " + (status ? describeWaitStatus(*status) : "did not stop and was killed"));
+}
+
+void startSimulator(std::vector<std::string> options) {
+  options.insert(options.begin(), "simulate");
+  ChildOptions how;
+  how.onOutput = printer("", "sim");
+  simulator = start(ctlExe, "dravikctl", options, how);
+}
+
+void stopSimulator() {
+  say("(stopping the simulator)");
+  simulator->signal(SIGTERM);
+  simulator->wait(seconds(5));
+}
+
+// A GetAnalyticsFilterDataRequest and its answer, on the pipes themselves:
+// the notification pipe has one reader at a time, so the simulator pauses.
+void getFilter(int32_t channel) {
+  peer::CatalogueMessage request("GetAnalyticsFilterDataRequest", {channel});
+  request.sender = 100;
+  std::string frame = encodeFrame(request);
+  peer::FrameReader reader;
+  peer::MailboxWriter writer;
+  std::string error;
+  if (!reader.open(kNotifications, &error) || !writer.open(kMailbox, &error) ||
+      !writer.write(frame, peer::Deadline::after(5), &error)) {
+    return say("(no request: " + error + ")");
+  }
+  line("send", dravikctl::frameText(peer::decodeFrame(frame, catalogue::Flow::in), false));
+  peer::Deadline deadline = peer::Deadline::after(5);
+  while (reader.next(&frame, deadline, -1, &error) == peer::FrameReader::Event::frame) {
+    peer::DecodedFrame answer = peer::decodeFrame(frame, catalogue::Flow::out);
+    line("recv", dravikctl::frameText(answer, false));
+    if (answer.header.correlationId == request.id) return;
+  }
+  say("(no answer " + error + ")");
+}
+
+// Waits for a log line of the daemon that contains `text`, after its first
+// `mark` lines; ends the demo if none comes.
+void waitForLog(std::size_t mark, const std::string& text, int timeoutSeconds) {
+  auto seen = [&](const std::vector<SyslogLine>& lines) {
+    for (std::size_t i = mark; i < lines.size(); ++i) {
+      if (lines[i].second.find(text) != std::string::npos) return true;
+    }
+    return false;
+  };
+  if (syslogReader.waitFor(daemon->pid(), seen, seconds(timeoutSeconds))) return;
+  say("gave up waiting " + std::to_string(timeoutSeconds) + " s for the log line: " + text);
+  std::exit(1);
+}
+
+// Runs a dravikctl command and waits for the daemon's log line that
+// contains `logged`, and a little more for the file work that follows it.
+void ctl(const std::vector<std::string>& args, const std::string& logged) {
+  std::size_t mark = syslogReader.lines(daemon->pid()).size();
+  ChildOptions options;
+  options.onOutput = printer(">", ">");
+  std::optional<int> status = start(ctlExe, "dravikctl", args, options)->wait(seconds(10));
+  if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) {
+    say("(" + (status ? describeWaitStatus(*status) : std::string("still running after 10 s: killed")) + ")");
+  }
+  waitForLog(mark, logged, 5);
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+}
+
+void showStore() {
+  std::vector<std::string> files;
+  for (const char* directory : {kCalibrationDirectory, kFilterDirectory}) {
+    DIR* dir = opendir(directory);
+    while (dirent* entry = dir != nullptr ? readdir(dir) : nullptr) {
+      if (entry->d_name[0] != '.') files.push_back(std::string(directory) + entry->d_name);
+    }
+    if (dir != nullptr) closedir(dir);
+  }
+  std::sort(files.begin(), files.end());
+  for (const std::string& path : files) {
+    struct stat info;
+    if (stat(path.c_str(), &info) == 0) line(">", path + ", " + std::to_string(info.st_size) + " bytes");
+  }
+  if (files.empty()) line(">", "the store is empty");
+}
+
+void writeFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
+
+bool open() {
+  daemonExe = openExecutable(DRAVIK_DAEMON_PATH);
+  ctlExe = openExecutable(DRAVIKCTL_PATH);
+  auto refuse = [](const std::string& why) {
+    std::fprintf(stderr, "demo: %s\n", why.c_str());
+    return false;
+  };
+  std::string why;
+  if (daemonExe < 0 || ctlExe < 0) return refuse(std::string(DRAVIK_DAEMON_PATH) + " or dravikctl is missing");
+  if (!sandbox::enter(&why)) return refuse("no private sandbox (root, or user namespaces allowed): " + why);
+  // The reader's own flush markers come from this process.
+  syslogReader.onRecord([self = getpid()](const SyslogRecord& r) {
+    if (r.pid != self) line("syslog", (r.priority == LOG_ERR ? "error: " : "") + r.message);
+  });
+  if (!syslogReader.open("/dev/log", &why)) return refuse("no syslog socket: " + why);
+  faketime = fakeTimeLibrary(DRAVIK_SANITIZE, &why);
+  if (faketime.empty()) say("(" + why + ": the daemon runs on real time and the hourly cycle is not shown)");
+  mkdir(kIncoming, 0755);
+  return true;
+}
+
+}  // namespace
+
+int main() {
+  setenv("TZ", "UTC", 1);
+  signal(SIGPIPE, SIG_IGN);
+  peer::seedMessageIds();
+  if (!open()) return 1;
+  bool fast = !faketime.empty();
+  const std::string filter1 = std::string(kIncoming) + "filter-ch1.xml";
+  const std::string filter2 = std::string(kIncoming) + "filter-ch2.xml";
+  step("A private sandbox: tmpfs on /tmp and /etc/sysconfig, syslog read on a private /dev/log");
+  say("The service asks the engine for calibration only 30 min after it starts (then hourly),");
+  say("so the store starts with the blocks that an earlier run kept for channels 0 and 2.");
+  writeFile(CalibrationFilePath(0), std::string(64, '\x01'));
+  writeFile(CalibrationFilePath(2), std::string(64, '\x22'));
+  showStore();
+
+  step("Start: the daemon, and simulate as the engine (11) and endpoint 2; the restore begins");
+  say("The daemon waits for a writer on its mailbox, then restores channel by channel (4 s apart, then 5 s)");
+  if (fast) say("Its clock runs " + std::to_string(kSpeedUp) + " times faster (libfaketime): the restore takes 0.1 s");
+  startDaemon();
+  startSimulator({});
+  waitForLog(0, fast ? "RestoreZekAnalyticsFilter:: for ch=3" : "Restoring Zek Calibration for ch=0", 20);
+
+  step("1. A new filter for channel 1: forwarded to endpoint 2, accepted (status 0), saved");
+  writeFile(filter1, "<filter channel=\"1\"><zone name=\"door\"/></filter>\n");
+  ctl({"set-filter", "1", filter1}, "Saving Analytics Filter To file for ch=1");
+  showStore();
+
+  step("2. A filter that the engine refuses: endpoint 2 answers status 3, nothing is saved");
+  say("When the last writer leaves its mailbox the daemon says so (console error, 'Input FIFO is empty')");
+  stopSimulator();
+  startSimulator({"--filter-status", "3"});
+  writeFile(filter2, "<filter channel=\"2\"><zone name=\"yard\"/></filter>\n");
+  ctl({"set-filter", "2", filter2}, "Failed ZEK SetAnalyticsFilter with status 3");
+  line(">", filter2 + " stays where the client wrote it");
+  showStore();
+
+  step("3. The path of a channel's filter file: a GetAnalyticsFilterDataRequest and its answer");
+  say("One reader at a time on comm.mailbox: the simulator pauses while the demo reads the answers");
+  stopSimulator();
+  getFilter(1);
+  getFilter(2);
+  startSimulator({});
+
+  if (fast) {
+    step("The first hourly calibration cycle, 30 min (daemon time) after the restore");
+    say("The engine answers each request with a block, which the daemon stores for the channel");
+    waitForLog(0, "UpdateCalibrationData:Updated " + CalibrationFilePath(3), 30);
+  } else {
+    step("Waiting for the start-up restore to finish (filters follow the calibrations after 5 s)");
+    waitForLog(0, "RestoreZekAnalyticsFilter:: for ch=3", 40);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  showStore();
+
+  step("4. Restart: SIGTERM, and a new daemon restores the stored calibrations and filters");
+  stopDaemon();
+  startDaemon();
+  waitForLog(0, "RestoreZekAnalyticsFilter:: for ch=3", 40);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+
+  step("5. Factory reset of channel 1, then of all channels");
+  ctl({"reset-channel", "1"}, "ResetCalibrationNotification::toStream channel=1");
+  showStore();
+  ctl({"reset-all"}, "ResetCalibrationNotification::toStream channel=3");
+  showStore();
+
+  step("End: the daemon stops on SIGTERM");
+  stopSimulator();
+  stopDaemon();
+  syslogReader.flush(seconds(2));
+  auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  say("done in " + std::to_string(static_cast<int>(elapsed + 0.5)) + " s");
+  return 0;
+}
