@@ -7,10 +7,13 @@
 #include <stdexcept>
 
 #include "service/lifecycle.h"
+#include "messaging/system_log.h"
 #include "service/service_api.h"
+#include "store/calibration_store.h"
 #include "tests/support/capture.h"
 #include "tests/support/pipes.h"
 #include "tests/support/store_files.h"
+#include "tests/support/wire.h"
 
 namespace {
 
@@ -50,14 +53,22 @@ TEST(LifecycleTest, OptionsAreQuietAndTheDelayAndNothingElse) {
   }
 }
 
+// The main thread's notifications go to a pipe read here.
+class MainThreadTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(resetStoreAndPipes());
+    notificationFifo.create();
+    reader_ = openFd(kNotificationFifoPath, O_RDONLY | O_NONBLOCK);
+    fcntl(reader_.get(), F_SETPIPE_SZ, 1 << 20);
+    BinaryMessage::notificationOutput = &notificationFifo;
+  }
+  void TearDown() override { notificationFifo.close(); }
+  Fd reader_;
+};
+
 // The steps of the schedule and its waits, in the order they came.
-TEST(LifecycleTest, ScheduleRestoresThenRequestsHourly) {
-  ASSERT_TRUE(resetStoreAndPipes());
-  Fd reader(-1);
-  notificationFifo.create();
-  reader = openFd(kNotificationFifoPath, O_RDONLY | O_NONBLOCK);
-  fcntl(reader.get(), F_SETPIPE_SZ, 1 << 20);
-  BinaryMessage::notificationOutput = &notificationFifo;
+TEST_F(MainThreadTest, ScheduleRestoresThenRequestsHourly) {
   SyslogCapture syslog;
   std::vector<std::string> timeline;
   auto note = [&] {
@@ -76,7 +87,6 @@ TEST(LifecycleTest, ScheduleRestoresThenRequestsHourly) {
   });
   EXPECT_THROW(RunSchedule(), std::runtime_error);
   SetSleeper(nullptr);
-  notificationFifo.close();
   const std::string cal = "Restoring Zek Calibration for ch=", filter = "RestoreZekAnalyticsFilter:: for ch=",
                     request = "Sending Zek Calibration Request for ch=";
   EXPECT_EQ(timeline, (std::vector<std::string>{
@@ -86,6 +96,25 @@ TEST(LifecycleTest, ScheduleRestoresThenRequestsHourly) {
                           "sleep 45",     request + "2", "sleep 45",    request + "3", "sleep 45",     "sleep 3600",
                           request + "0",  "sleep 45",    request + "1", "sleep 45",    request + "2", "sleep 45",
                           request + "3",  "sleep 45"}));
+}
+
+// The entry that an answer must match is complete before the request
+// leaves, so that no answer can come before it: seen here while the request
+// is being encoded.
+int32_t entryWhileEncoding = -1;
+
+TEST_F(MainThreadTest, CalibrationRequestIsRecordedBeforeItIsSent) {
+  calibrationRequests[2].requestId = 0;
+  systemlog::redirect([](int, const std::string& line) {
+    if (line == "GetCalibrationDataChangeNotification::toStream channel=2") {
+      entryWhileEncoding = calibrationRequests[2].requestId.load();
+    }
+  });
+  SendZekCalibrationRequest(2);
+  systemlog::redirect(nullptr);
+  std::string sent = readAvailable(reader_.get());
+  ASSERT_EQ(sent.size(), 52u);
+  EXPECT_EQ(entryWhileEncoding, be32At(sent, 16));
 }
 
 }  // namespace
