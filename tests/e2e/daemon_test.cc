@@ -94,7 +94,7 @@ TEST_F(DaemonTest, EachStopSignalEndsWithStatus1AndTheStopLines) {
 
 TEST_F(DaemonTest, FirstWriterEndsTheWaitEvenIfItSendsNothing) {
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
-  Fd(openFd(kMailbox, O_WRONLY));
+  Fd(openFd(kMailbox, O_WRONLY)).reset();
   ASSERT_TRUE(waitForLine(kEmpty));
   EXPECT_EQ(log(), concat(startLines("1000"), {kEmpty}));
   EXPECT_TRUE(daemon_->waitForErr(kEndOfFile.substr(6), kGuard));
@@ -118,6 +118,12 @@ TEST_F(DaemonTest, WritersComeAndGoWithOneEmptyLineEach) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_LT(daemon_->cpuSeconds() - before, 0.05);
   }
+  // The silent writer leaves: end of file again, but no message ran since
+  // the last line, so no new line.
+  mailbox_.close();
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  ASSERT_NO_FATAL_FAILURE(connect());
+  EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 3}, be32(3))).frames.size(), 1u);
   std::vector<SyslogLine> lines = log();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), kEmpty), 2);
 }

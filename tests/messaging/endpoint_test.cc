@@ -93,7 +93,7 @@ TEST_F(EndpointTest, WhatIsNotANamedPipeCannotBeOpened) {
 TEST_F(EndpointTest, InputOpenWaitsForAWriterEvenOneThatLeavesAtOnce) {
   std::string path = makeFifo(dir_.file("p"));
   InputFifo fifo(path.c_str());
-  std::thread writer([&] { Fd(openFd(path, O_WRONLY)); });
+  std::thread writer([&] { Fd leaving(openFd(path, O_WRONLY)); });
   fifo.open();
   writer.join();
   EXPECT_TRUE(fifo.stream.is_open());
