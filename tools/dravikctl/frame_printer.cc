@@ -183,10 +183,10 @@ std::string frameText(const peer::DecodedFrame& frame, bool withHex) {
   line = frame.entry->name;
   appendHeaderText(frame.header, &line);
   for (std::size_t i = 0; i < frame.args.size(); ++i) {
-    const catalogue::Arg& spec = frame.entry->args[i];
+    const catalogue::Arg& field = frame.entry->args[i];
     const peer::Value& a = frame.args[i];
-    line += std::string(" ") + spec.name + "=";
-    switch (spec.type) {
+    line += std::string(" ") + field.name + "=";
+    switch (field.type) {
       case catalogue::ArgType::int32:
       case catalogue::ArgType::uint32:
         line += std::to_string(a.number);
@@ -237,11 +237,11 @@ std::string frameJson(const peer::DecodedFrame& frame, const FrameView& view, bo
   out += ",\"ageMs\":" + std::to_string(ageMs(frame.header, view.seen));
   out += ",\"args\":{";
   for (std::size_t i = 0; i < frame.args.size(); ++i) {
-    const catalogue::Arg& spec = frame.entry->args[i];
+    const catalogue::Arg& field = frame.entry->args[i];
     const peer::Value& a = frame.args[i];
     if (i != 0) out += ",";
-    out += jsonQuote(spec.name) + ":";
-    switch (spec.type) {
+    out += jsonQuote(field.name) + ":";
+    switch (field.type) {
       case catalogue::ArgType::int32:
       case catalogue::ArgType::uint32:
         out += std::to_string(a.number);
