@@ -49,6 +49,10 @@ class Benchmark {
   void measureStore(Measurements& m);
   void measureIdle(Measurements& m);
   void stop(Measurements& m);
+  // This thread (with `drainToo`, every thread of this process, the
+  // /dev/log drain among them) and every thread of the three servers on
+  // `cpu`, or on all CPUs when it is -1.
+  void pin(int cpu, bool drainToo);
   void unhealthy(const std::string& why);
 
   const Options& o_;

@@ -119,10 +119,10 @@ void addPipelinedRows(std::vector<Row>& table, const Run* runs) {
   table.push_back(compared("pipelined: server CPU µs per message", cpu[0], cpu[1], cpu[2], 2));
 }
 
-void addCalibrationRows(std::vector<Row>& table, const Run& sink, const Run& daemon) {
+void addCalibrationRows(std::vector<Row>& table, const Run& sink, const Run& daemon, long cpu) {
   double raw = sink.medianRoundRate(), ours = daemon.medianRoundRate();
-  table.push_back(
-      compared("calibration, 65,488-byte blocks: blocks/s", raw, -1, ours, -1, atLeast(0.5, "raw", ours, raw)));
+  table.push_back(compared("calibration pinned (CPU " + std::to_string(cpu) + "), 65,488-byte blocks: blocks/s", raw,
+                           -1, ours, -1, atLeast(0.5, "raw", ours, raw)));
   table.push_back(compared("calibration: MB/s on the pipe", raw * kCalibrationFrameSize / 1e6, -1,
                            ours * kCalibrationFrameSize / 1e6, 0));
   table.push_back(compared("calibration: server CPU µs per block", sink.cpuUsPer(), -1, daemon.cpuUsPer(), 1));
@@ -174,7 +174,7 @@ std::string report(const Options& o, Measurements& m) {
   addPingPongRows(table, m.pinned, "ping-pong pinned (CPU " + std::to_string(o.cpu) + ")", true);
   addPingPongRows(table, m.loose, "ping-pong unpinned", false);
   addPipelinedRows(table, m.streamed);
-  addCalibrationRows(table, m.blocks[0], m.blocks[1]);
+  addCalibrationRows(table, m.blocks[0], m.blocks[1], o.cpu);
   auto perSecond = [&](int64_t ns) { return ns > 0 ? static_cast<double>(m.storeOps) * 1e9 / static_cast<double>(ns) : 0; };
   double plain = perSecond(m.plainNs), store = perSecond(m.storeNs);
   table.push_back(compared("store on tmpfs, 65,488-byte blocks/s (raw: plain unlink+open+write+close)", plain, -1,
