@@ -108,6 +108,28 @@ void addPingPongRows(std::vector<Row>& table, Run* runs, const std::string& labe
   table.push_back(compared(label + ": server CPU µs per request", cpu[0], cpu[1], cpu[2], 2));
 }
 
+// The daemon's pinned ping-pong with the tap attached, beside the untapped
+// daemon of the same rounds. No verdict: the camera exchanges a few
+// messages an hour, so no rate of its peers asks for one.
+void addTapRows(std::vector<Row>& table, Measurements& m, const std::string& label) {
+  std::string measure = label + ", dravik tapped";
+  if (!m.tapSkipped.empty()) {
+    std::string why = m.tapSkipped;
+    for (std::size_t at = 0; (at = why.find('|', at)) != std::string::npos; at += 2) why.insert(at, "\\");
+    table.push_back(alone(measure + ": round trips/s", "not measured", "information: " + why));
+    return;
+  }
+  double tapped = m.tapped.medianRoundRate(), untapped = m.pinned[2].medianRoundRate();
+  table.push_back(alone(measure + " (`dravikctl monitor --pid`, same CPU): round trips/s", thousands(tapped),
+                        ratio(tapped, untapped) + " untapped (information)"));
+  table.push_back(alone(measure + ": p50 / p99 µs",
+                        fixed(m.tapped.percentileUs(0.50), 1) + " / " + fixed(m.tapped.percentileUs(0.99), 1), ""));
+  double perRequest = m.tapped.count > 0 ? static_cast<double>(m.tapped.count) : 1;
+  table.push_back(alone(measure + ": CPU µs per request, daemon / tap",
+                        fixed(m.tapped.cpuUsPer(), 2) + " / " + fixed(static_cast<double>(m.tapCpuNs) / 1e3 / perRequest, 2),
+                        ""));
+}
+
 void addPipelinedRows(std::vector<Row>& table, const Run* runs) {
   double rate[3], cpu[3];
   for (int k = 0; k < 3; ++k) {
@@ -171,7 +193,9 @@ bool writeReport(const std::string& path, const std::string& section) {
 
 std::string report(const Options& o, Measurements& m) {
   std::vector<Row> table;
-  addPingPongRows(table, m.pinned, "ping-pong pinned (CPU " + std::to_string(o.cpu) + ")", true);
+  std::string pinned = "ping-pong pinned (CPU " + std::to_string(o.cpu) + ")";
+  addPingPongRows(table, m.pinned, pinned, true);
+  addTapRows(table, m, pinned);
   addPingPongRows(table, m.loose, "ping-pong unpinned", false);
   addPipelinedRows(table, m.streamed);
   addCalibrationRows(table, m.blocks[0], m.blocks[1], o.cpu);
@@ -211,6 +235,16 @@ std::string report(const Options& o, Measurements& m) {
           << ". Every answer matched its request: " << (m.errors == 0 ? "yes" : "NO") << ". Start samples, ms:";
   for (double ms : m.startMs) section << " " << fixed(ms, 2);
   section << ".\n";
+  if (m.tapSkipped.empty()) {
+    double added = m.tapped.percentileUs(0.50) - m.pinned[2].percentileUs(0.50);
+    section << "\nThe tap (`dravikctl monitor --pid N`, started afresh in each pinned round with its printout to "
+               "/dev/null, stopped with SIGINT, the daemon then found untraced and answering): the daemon's "
+               "ping-pong at "
+            << ratio(m.tapped.medianRoundRate(), m.pinned[2].medianRoundRate()) << " its untapped rate, "
+            << fixed(added, 1) << " µs more per round trip at the median.\n";
+  } else {
+    section << "\nThe tap's cost was not measured: " << m.tapSkipped << "\n";
+  }
   if (!o.microResults.empty()) {
     section << "\nMicro-benchmarks (`dravik_microbench`):\n\n```\n" << fileText(o.microResults) << "```\n";
   }
