@@ -81,7 +81,7 @@ BENCH_DEPS := libbenchmark-dev valgrind
 bench:
 	@$(MAKE) --no-print-directory deps EXTRA_DEPS="$(EXTRA_DEPS) $(BENCH_DEPS)"
 	cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDRAVIK_BENCH=ON -DDRAVIK_TESTS=OFF $(CMAKE_ARGS)
-	cmake --build $(BENCH_BUILD) -j $(JOBS) --target dravik dravik_bench dravik_microbench
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target dravik dravikctl dravik_bench dravik_microbench
 	bash bench/callgrind.sh $(BENCH_BUILD) 5000
 	$(BENCH_BUILD)/bench/dravik_microbench --benchmark_out=$(BENCH_BUILD)/micro.txt --benchmark_out_format=console
 	$(BENCH_BUILD)/bench/dravik_bench --output docs/performance.md --command "make bench" \
@@ -90,7 +90,7 @@ bench:
 bench-smoke:
 	@$(MAKE) --no-print-directory deps EXTRA_DEPS="$(EXTRA_DEPS) $(BENCH_DEPS)"
 	cmake -S . -B $(BENCH_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDRAVIK_BENCH=ON -DDRAVIK_TESTS=OFF $(CMAKE_ARGS)
-	cmake --build $(BENCH_BUILD) -j $(JOBS) --target dravik dravik_bench dravik_microbench
+	cmake --build $(BENCH_BUILD) -j $(JOBS) --target dravik dravikctl dravik_bench dravik_microbench
 	bash bench/callgrind.sh $(BENCH_BUILD) 50
 	$(BENCH_BUILD)/bench/dravik_microbench --benchmark_min_time=0.01
 	$(BENCH_BUILD)/bench/dravik_bench --smoke --callgrind-results $(BENCH_BUILD)/callgrind/result.txt

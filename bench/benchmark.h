@@ -22,6 +22,11 @@ struct Measurements {
   std::vector<double> startMs;
   long dirtyAtStart = 0, dirtyWarm = 0, dirtyAfter = 0, dirtyAtEnd = 0;
   Run pinned[3], loose[3], streamed[3];  // raw echo, logging echo, dravik
+  // The daemon's pinned ping-pong with `dravikctl monitor --pid` attached,
+  // the tap's CPU over those runs, or why it was not measured.
+  Run tapped;
+  int64_t tapCpuNs = 0;
+  std::string tapSkipped;
   Run blocks[2];                         // raw sink, dravik
   int64_t plainNs = 0, storeNs = 0;
   long storeOps = 0;
@@ -44,11 +49,16 @@ class Benchmark {
   bool startEchoes();
   void measureMemory(Measurements& m);
   void measurePingPong(Measurements& m);
+  void measureTapped(Measurements& m, long count);
   void measurePipelined(Measurements& m);
   void measureCalibration(Measurements& m);
   void measureStore(Measurements& m);
   void measureIdle(Measurements& m);
   void stop(Measurements& m);
+  // This thread (with `drainToo`, every thread of this process, the
+  // /dev/log drain among them) and every thread of the three servers on
+  // `cpu`, or on all CPUs when it is -1.
+  void pin(int cpu, bool drainToo);
   void unhealthy(const std::string& why);
 
   const Options& o_;

@@ -12,6 +12,7 @@ constexpr const char* kUsage = R"(usage: dravik_bench [options]     (root: it us
   --output FILE           rewrite the generated section of FILE (docs/performance.md)
   --command TEXT          the command recorded in the report
   --daemon PATH           the dravik to measure (default: the one built beside)
+  --dravikctl PATH        the dravikctl whose tap is measured (default: the one built beside)
   --ping-pong N           pinned round trips per server (100000)
   --unpinned N            unpinned round trips per server (20000)
   --pipelined N           pipelined messages per server (200000)
@@ -35,7 +36,7 @@ bool parseOptions(int argc, char* argv[], Options* o) {
   for (int i = 0; i < argc; ++i) command << (i ? " " : "") << argv[i];
   o->command = command.str();
   const std::pair<const char*, std::string*> texts[] = {
-      {"--daemon", &o->daemon},   {"--output", &o->output},
+      {"--daemon", &o->daemon},   {"--dravikctl", &o->dravikctl}, {"--output", &o->output},
       {"--command", &o->command}, {"--callgrind-results", &o->callgrindResults},
       {"--micro-results", &o->microResults}, {"--callgrind-target", &o->callgrindTarget},
   };

@@ -9,9 +9,13 @@
 #ifndef DRAVIK_DAEMON_PATH
 #define DRAVIK_DAEMON_PATH "dravik"
 #endif
+#ifndef DRAVIKCTL_PATH
+#define DRAVIKCTL_PATH "dravikctl"
+#endif
 
 struct Options {
   std::string daemon = DRAVIK_DAEMON_PATH;
+  std::string dravikctl = DRAVIKCTL_PATH;
   std::string output;
   std::string command;
   std::string callgrindResults;

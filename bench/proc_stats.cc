@@ -72,6 +72,13 @@ long long contextSwitches(pid_t pid) {
 
 long privateDirtyKiB(pid_t pid) { return static_cast<long>(valueAfter(proc(pid, "smaps_rollup"), "Private_Dirty:")); }
 
+bool traced(pid_t pid) {
+  for (pid_t tid : threadsOf(pid)) {
+    if (valueAfter(proc(pid, "task/" + std::to_string(tid) + "/status"), "TracerPid:") > 0) return true;
+  }
+  return false;
+}
+
 bool setAffinity(pid_t pid, int cpu) {
   cpu_set_t set = cpuSet(cpu);
   bool ok = true;

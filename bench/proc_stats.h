@@ -1,6 +1,6 @@
 // What /proc tells about another process beside its CPU time
 // (ChildProcess::cpuSeconds): page faults, context switches, dirty private
-// memory, and which CPUs its threads may run on.
+// memory, whether it is traced, and which CPUs its threads may run on.
 #ifndef DRAVIK_BENCH_PROC_STATS_H_
 #define DRAVIK_BENCH_PROC_STATS_H_
 
@@ -16,6 +16,9 @@ long long contextSwitches(pid_t pid);
 
 // Private_Dirty of /proc/PID/smaps_rollup in KiB; -1 if unreadable.
 long privateDirtyKiB(pid_t pid);
+
+// Whether a tracer holds any thread of `pid` (TracerPid in its status).
+bool traced(pid_t pid);
 
 // Puts every thread of `pid` on `cpu`, or on all CPUs when `cpu` is -1.
 bool setAffinity(pid_t pid, int cpu);

@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "bench/options.h"
+#include "bench/proc_stats.h"
 #include "tools/harness/sandbox.h"
 
 namespace {
@@ -18,6 +19,8 @@ namespace {
 constexpr const char* kMailbox = "/tmp/dravik.mailbox";
 constexpr const char* kNotificationPipe = "/tmp/comm.mailbox";
 constexpr auto kStopTimeout = std::chrono::seconds(60);
+constexpr auto kTapTimeout = std::chrono::seconds(20);
+constexpr const char* kTapping = "dravikctl: tapping";
 
 bool fail(const std::string& what) {
   std::cerr << "dravik_bench: " << what << std::endl;
@@ -38,6 +41,16 @@ bool exitedWith(const std::optional<int>& status, int code) {
   return status && WIFEXITED(*status) && WEXITSTATUS(*status) == code;
 }
 
+// What a child said on standard error, on one line.
+std::string said(const ChildProcess& child) {
+  std::string text = child.err();
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  for (char& c : text) {
+    if (c == '\n') c = ' ';
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string Server::console() const { return process ? process->out() + process->err() : ""; }
@@ -45,6 +58,9 @@ std::string Server::console() const { return process ? process->out() + process-
 bool Servers::open(const Options& options) {
   daemonExe_ = openExecutable(options.daemon);
   selfExe_ = openExecutable("/proc/self/exe");
+  // Without it the tap's cost is reported as not measured.
+  dravikctlPath_ = options.dravikctl;
+  dravikctlExe_ = openExecutable(options.dravikctl);
   if (daemonExe_ < 0) return fail("cannot find the daemon at " + options.daemon + " (--daemon PATH)");
   std::string why;
   if (!sandbox::enter(&why)) return fail("no private sandbox: " + why);
@@ -131,4 +147,47 @@ bool Servers::startEcho(Server& echo, const std::string& inPath, bool log, const
 bool Servers::stopEcho(Server& echo) {
   echo.requests.close();
   return exitedWith(echo.process->wait(kStopTimeout), 0);
+}
+
+std::unique_ptr<ChildProcess> Servers::startTap(const Server& daemon, std::string* why) {
+  if (dravikctlExe_ < 0) {
+    *why = "no dravikctl at " + dravikctlPath_ + " (--dravikctl PATH)";
+    return nullptr;
+  }
+  auto tap = std::make_unique<ChildProcess>();
+  ChildOptions options;
+  options.discardOut = true;
+  std::string error;
+  if (!tap->start(dravikctlExe_, "dravikctl", {"monitor", "--pid", std::to_string(daemon.pid())}, options, &error)) {
+    *why = "cannot start dravikctl: " + error;
+    return nullptr;
+  }
+  auto deadline = std::chrono::steady_clock::now() + kTapTimeout;
+  while (!tap->waitForErr(kTapping, std::chrono::milliseconds(100))) {
+    if (tap->poll()) {
+      tap->wait(kStopTimeout);  // has ended: collects the last of what it said
+      *why = said(*tap).empty() ? "dravikctl monitor " + describeWaitStatus(*tap->status()) : said(*tap);
+      return nullptr;
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      *why = "dravikctl monitor did not attach within 20 s";
+      return nullptr;  // killed: the kernel lets go of whatever it traced
+    }
+  }
+  return tap;
+}
+
+bool Servers::stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* why) {
+  tap->signal(SIGINT);
+  std::optional<int> status = tap->wait(kStopTimeout);
+  if (!exitedWith(status, 0)) {
+    *why = "dravikctl monitor did not end with status 0 on SIGINT (" +
+           (status ? describeWaitStatus(*status) : std::string("killed after 60 s")) + "): " + said(*tap);
+    return false;
+  }
+  if (procstats::traced(daemon.pid())) {
+    *why = "a thread of the daemon is still traced after dravikctl monitor ended";
+    return false;
+  }
+  return true;
 }

@@ -5,8 +5,8 @@
 // program run with --serve. The benchmark plays every server's peer over
 // the same peer-library ends, so that the client costs each the same.
 //
-// A tool attached to the daemon (a tap such as `dravikctl monitor --pid N`,
-// whose cost is a ping-pong ratio with and without it) is one more
+// A tool attached to the daemon, the tap of `dravikctl monitor --pid N`
+// (its cost is a ping-pong ratio with and without it), is one more
 // ChildProcess started here, from an executable opened in open() like the
 // daemon's.
 #ifndef DRAVIK_BENCH_SERVERS_H_
@@ -55,6 +55,15 @@ class Servers {
   // Closes its input, which ends it.
   bool stopEcho(Server& echo);
 
+  // Attaches `dravikctl monitor --pid N` to the daemon, run as a user runs
+  // it with its printout going to /dev/null, and waits for its "tapping"
+  // line. Null, with the reason in `why` (the tool's own words when it
+  // cannot trace here: no permission, qemu), when it did not attach.
+  std::unique_ptr<ChildProcess> startTap(const Server& daemon, std::string* why);
+  // Stops the tap with SIGINT. True once it has exited with status 0 and
+  // no thread of the daemon is traced any more; false with why otherwise.
+  bool stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* why);
+
   const SyslogReader& log() const { return log_; }
   SyslogReader& log() { return log_; }
 
@@ -67,6 +76,8 @@ class Servers {
 
   int daemonExe_ = -1;
   int selfExe_ = -1;
+  int dravikctlExe_ = -1;
+  std::string dravikctlPath_;
   SyslogReader log_;
 };
 

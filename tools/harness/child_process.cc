@@ -102,13 +102,16 @@ bool ChildProcess::start(int binaryFd, const std::string& name, const std::vecto
     return fail("pipe");
   }
   int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  int outNull = options.discardOut ? open("/dev/null", O_WRONLY | O_CLOEXEC) : -1;
   pid_t parent = getpid();
   void* shared = mmap(nullptr, sizeof *execAt_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared != MAP_FAILED) execAt_ = static_cast<int64_t*>(shared);
 
   pid_t pid = fork();
   if (pid < 0) {
-    for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1], devNull}) close(fd);
+    for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1], devNull, outNull}) {
+      if (fd >= 0) close(fd);
+    }
     return fail("fork");
   }
   if (pid == 0) {
@@ -121,7 +124,7 @@ bool ChildProcess::start(int binaryFd, const std::string& name, const std::vecto
     sigprocmask(SIG_SETMASK, &none, nullptr);
     ::signal(SIGPIPE, SIG_DFL);
     if (devNull >= 0) dup2(devNull, 0);
-    dup2(outPipe[1], 1);
+    dup2(outNull >= 0 ? outNull : outPipe[1], 1);
     dup2(errPipe[1], 2);
     // A wrapper reaches the program through the same descriptor.
     if (!options.wrapper.empty()) fcntl(binaryFd, F_SETFD, 0);
@@ -138,6 +141,7 @@ bool ChildProcess::start(int binaryFd, const std::string& name, const std::vecto
   close(outPipe[1]);
   close(errPipe[1]);
   if (devNull >= 0) close(devNull);
+  if (outNull >= 0) close(outNull);
   pid_ = pid;
   pidFd_ = openPidFd(pid);
   onOutput_ = options.onOutput;

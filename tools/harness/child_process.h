@@ -36,6 +36,9 @@ struct ChildOptions {
   // Receives the child's output as it comes, one call per read, on the
   // capturing thread: true for standard error.
   std::function<void(bool fromErr, const std::string& text)> onOutput;
+  // Standard output goes to /dev/null instead of being captured: for a
+  // child that prints much while it is being timed.
+  bool discardOut = false;
 };
 
 class ChildProcess {
