@@ -157,9 +157,12 @@ void PipeReadBuffer::followPath() {
   (void)reopen();
 }
 
+// Hung up with nothing left to read. A writer can come, write and go
+// between a read that found the pipe empty and this look: then its bytes
+// are there beside the hangup, and they are read first.
 bool PipeReadBuffer::hungUp() const {
   struct pollfd p = {fd_, POLLIN, 0};
-  return poll(&p, 1, 0) == 1 && (p.revents & POLLHUP) != 0;
+  return poll(&p, 1, 0) == 1 && (p.revents & POLLHUP) != 0 && (p.revents & POLLIN) == 0;
 }
 
 std::streamsize PipeReadBuffer::readSome(char* to, std::streamsize capacity) {
