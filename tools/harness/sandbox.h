@@ -20,8 +20,9 @@ bool enter(std::string* whyNot);
 // True once enter() has succeeded in this process.
 bool active();
 
-// True when the sandbox is the caller's own user namespace: only the
-// caller's uid exists there, so nothing can run as another user.
+// True in a user namespace other than the initial one (the sandbox's own,
+// or one this process was started in): only a few ids exist there, so
+// nothing can run as an arbitrary other user.
 bool inUserNamespace();
 
 }  // namespace sandbox
