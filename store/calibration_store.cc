@@ -1,5 +1,8 @@
 #include "store/calibration_store.h"
 
+#include <new>
+#include <stdexcept>
+
 #include "messaging/system_log.h"
 #include "store/service_messages.h"
 
@@ -59,6 +62,14 @@ void UpdateCalibrationData(int32_t channel, const byteArray& calibration) {
   }
 }
 
+namespace {
+
+void ReportTooLarge(const std::string& path, uint64_t size) {
+  LogLine(LOG_ERR) << "RestoreZekCalibrationData: File " << path << " of " << size << " bytes is too large to restore";
+}
+
+}  // namespace
+
 void RestoreZekCalibrationData(int32_t channel) {
   if (!CheckChannel("RestoreZekCalibrationData", channel)) return;
   LogLine(LOG_INFO) << "Restoring Zek Calibration for ch=" << channel;
@@ -72,12 +83,19 @@ void RestoreZekCalibrationData(int32_t channel) {
     LogLine(LOG_INFO) << "SetCalibrationDataNotification File: " << path << " Has data size=" << size;
   }
   if (read == CalibrationRead::tooLarge) {
-    LogLine(LOG_ERR) << "RestoreZekCalibrationData: File " << path << " of " << size
-                     << " bytes is too large to restore";
+    ReportTooLarge(path, size);
   } else if (notification.fileFound) {
     notification.recipient = kEngineEndpoint;
     notification.responseSelector = kCalibrationDataResponseSelector;
-    notification.Process();
+    try {
+      notification.Process();
+    } catch (const std::bad_alloc&) {
+      // A block that could be read but whose frame cannot be built (a
+      // 32-bit address space): nothing was written, the schedule goes on.
+      ReportTooLarge(path, size);
+    } catch (const std::length_error&) {
+      ReportTooLarge(path, size);
+    }
   } else {
     LogLine(LOG_INFO) << "RestoreZekCalibrationData ZEK Calibration File CH " << channel
                       << " does not exist. Restore not required";

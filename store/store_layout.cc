@@ -7,6 +7,7 @@
 #include <fstream>
 #include <new>
 
+#include "messaging/frame_format.h"
 #include "messaging/system_log.h"
 
 namespace {
@@ -60,9 +61,10 @@ CalibrationRead ReadCalibrationFile(const std::string& path, byteArray& block, u
   file.seekg(0);
   block.release();
   if (*size == 0) return CalibrationRead::read;
-  // A stray huge file must not end the process: a failed allocation is
-  // reported like a size that no block length can carry.
-  char* data = *size <= UINT32_MAX ? new (std::nothrow) char[*size] : nullptr;
+  // A stray huge file must not end the process: a block that no frame's
+  // 32-bit length can carry, or that cannot be allocated, is too large.
+  constexpr uint64_t kLargestBlock = UINT32_MAX - kHeaderSize - 2 * sizeof(uint32_t);
+  char* data = *size <= kLargestBlock ? new (std::nothrow) char[*size] : nullptr;
   if (data == nullptr) return CalibrationRead::tooLarge;
   block.data = data;
   block.length = static_cast<uint32_t>(*size);
