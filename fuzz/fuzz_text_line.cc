@@ -15,22 +15,9 @@
 
 #include "fuzz/fuzz_support.h"
 #include "messaging/text_message.h"
+#include "tests/support/text_samples.h"
 
 namespace {
-
-class Ping : public Command {
- public:
-  const char* getSelector() const override { return "Ping"; }
-};
-
-class Note : public Notification {
- public:
-  const char* getSelector() const override { return "Note"; }
-  std::istream& fromStream(std::istream& in) override { return std::getline(in, text); }
-  std::ostream& toStream(std::ostream& out) const override { return Message::toStream(out) << ' ' << text; }
-
-  std::string text;
-};
 
 class Status : public Request {
  public:

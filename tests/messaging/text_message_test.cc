@@ -12,22 +12,11 @@
 
 #include "tests/support/capture.h"
 #include "tests/support/pipes.h"
+#include "tests/support/text_samples.h"
 #include "tools/harness/temp_dir.h"
 
 namespace {
 
-class Ping : public Command {
- public:
-  const char* getSelector() const override { return "Ping"; }
-};
-// Carries the rest of its line.
-class Note : public Notification {
- public:
-  const char* getSelector() const override { return "Note"; }
-  std::istream& fromStream(std::istream& in) override { return std::getline(in, text); }
-  std::ostream& toStream(std::ostream& out) const override { return Message::toStream(out) << ' ' << text; }
-  std::string text;
-};
 class State : public Request {
  public:
   const char* getSelector() const override { return "State"; }
