@@ -55,9 +55,13 @@ void DaemonFixture::start(const std::vector<std::string>& args, const ChildOptio
 void DaemonFixture::connect() {
   comm_ = openFd(kComm, O_RDONLY | O_NONBLOCK);
   commBytes_.clear();
+  ASSERT_NO_FATAL_FAILURE(openMailbox());
+  ASSERT_TRUE(waitForLine(info("API: starting dispatcher")));
+}
+
+void DaemonFixture::openMailbox() {
   std::string error;
   ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
-  ASSERT_TRUE(waitForLine(info("API: starting dispatcher")));
 }
 
 bool DaemonFixture::waitForLine(const SyslogLine& line, std::size_t count) const {

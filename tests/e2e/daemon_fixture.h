@@ -40,6 +40,9 @@ class DaemonFixture : public ::testing::Test {
   // Opens the notification pipe and the mailbox like the camera's peers,
   // and waits until the dispatcher runs.
   void connect();
+  // Becomes the daemon's writer only; the notification pipe is left to the
+  // test (held full, or planted with something that is not a pipe).
+  void openMailbox();
   // The daemon's syslog lines so far.
   std::vector<SyslogLine> log() const { return syslog_.lines(daemon_->pid()); }
   // Waits until the daemon has logged `line` `count` times.

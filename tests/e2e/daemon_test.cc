@@ -113,8 +113,7 @@ TEST_F(DaemonTest, WritersComeAndGoWithOneEmptyLineEach) {
     // Idle without a writer, then with a silent one: no CPU spent.
     double before = daemon_->cpuSeconds();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    std::string error;
-    ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+    ASSERT_NO_FATAL_FAILURE(openMailbox());
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_LT(daemon_->cpuSeconds() - before, 0.05);
   }
@@ -193,7 +192,7 @@ TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
   Fd full = fillNotificationPipe(10);
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
   std::string error;
-  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_NO_FATAL_FAILURE(openMailbox());
   ASSERT_TRUE(mailbox_.write(frame(Header{13005, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
   ASSERT_TRUE(waitForLine(info("RestoreFactoryFilterNotification::toStream channel=1")));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
@@ -204,7 +203,7 @@ TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
   writeFile(calibrationPath(0), "zero");
   writeFile(calibrationPath(1), "one");
   ASSERT_NO_FATAL_FAILURE(start({"-s", "0"}));
-  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_NO_FATAL_FAILURE(openMailbox());
   ASSERT_TRUE(waitForLine(info("toStream channel=0 length=4")));
   ASSERT_TRUE(waitForLine(info("API: starting dispatcher")));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
@@ -230,8 +229,7 @@ TEST_F(AcceleratedTest, StopBetweenFilterRestoresRunsNoneOfTheRest) {
   ChildOptions options;
   options.environment = clock_;
   ASSERT_NO_FATAL_FAILURE(start({"-s", "0"}, options));
-  std::string error;
-  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_NO_FATAL_FAILURE(openMailbox());
   ASSERT_TRUE(waitForLine(info("RestoreZekAnalyticsFilter:: for ch=1")));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
   std::vector<SyslogLine> lines = log();
@@ -304,7 +302,7 @@ TEST_F(DaemonTest, SymlinkWhereTheNotificationPipeShouldBeGetsNothing) {
   ASSERT_EQ(symlink(target.c_str(), kComm), 0);
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
   std::string error;
-  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_NO_FATAL_FAILURE(openMailbox());
   ASSERT_TRUE(mailbox_.write(frame(Header{13001, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
   ASSERT_TRUE(waitForLine(info("ResetCalibrationNotification::toStream channel=1")));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
