@@ -4,7 +4,7 @@
 
 #include "messaging/binary_fifo.h"
 #include "store/store_layout.h"
-#include "tools/peer/frame_codec.h"
+#include "peer/frame_codec.h"
 
 namespace {
 

@@ -25,8 +25,8 @@
 #include "messaging/system_log.h"
 #include "store/service_messages.h"
 #include "store/store_layout.h"
-#include "tools/harness/temp_dir.h"
-#include "tools/peer/frame_codec.h"
+#include "harness/temp_dir.h"
+#include "peer/frame_codec.h"
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include "bench/options.h"
 #include "bench/proc_stats.h"
-#include "tools/harness/sandbox.h"
+#include "harness/sandbox.h"
 
 namespace {
 

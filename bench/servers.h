@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "tools/harness/child_process.h"
-#include "tools/peer/pipe_peer.h"
-#include "tools/peer/syslog_reader.h"
+#include "harness/child_process.h"
+#include "peer/pipe_peer.h"
+#include "harness/syslog_reader.h"
 
 struct Options;
 

@@ -9,8 +9,8 @@
 
 #include "tests/support/store_files.h"
 #include "tests/support/wire.h"
-#include "tools/harness/faketime.h"
-#include "tools/harness/sandbox.h"
+#include "harness/faketime.h"
+#include "harness/sandbox.h"
 
 namespace {
 

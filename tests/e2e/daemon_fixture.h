@@ -15,9 +15,9 @@
 
 #include "tests/support/capture.h"
 #include "tests/support/pipes.h"
-#include "tools/harness/child_process.h"
-#include "tools/peer/pipe_peer.h"
-#include "tools/peer/syslog_reader.h"
+#include "harness/child_process.h"
+#include "peer/pipe_peer.h"
+#include "harness/syslog_reader.h"
 
 constexpr const char* kMailbox = "/tmp/dravik.mailbox";
 constexpr const char* kComm = "/tmp/comm.mailbox";

@@ -16,7 +16,7 @@
 #include "tests/e2e/daemon_fixture.h"
 #include "tests/support/store_files.h"
 #include "tests/support/wire.h"
-#include "tools/harness/sandbox.h"
+#include "harness/sandbox.h"
 
 namespace {
 

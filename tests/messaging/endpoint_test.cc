@@ -16,7 +16,7 @@
 #include "tests/support/pipes.h"
 #include "tests/support/store_files.h"
 #include "tests/support/wire.h"
-#include "tools/harness/temp_dir.h"
+#include "harness/temp_dir.h"
 
 namespace {
 

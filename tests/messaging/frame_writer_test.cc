@@ -11,7 +11,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/pipes.h"
 #include "tests/support/wire.h"
-#include "tools/harness/temp_dir.h"
+#include "harness/temp_dir.h"
 
 namespace {
 

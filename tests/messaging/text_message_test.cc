@@ -13,7 +13,7 @@
 #include "tests/support/capture.h"
 #include "tests/support/pipes.h"
 #include "tests/support/text_samples.h"
-#include "tools/harness/temp_dir.h"
+#include "harness/temp_dir.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // Entry of the test binaries that need the service's fixed paths: they move
-// into a private sandbox (see tools/harness/sandbox.h) before any thread
+// into a private sandbox (see harness/sandbox.h) before any thread
 // starts. Where no sandbox can be made the tests fail with the reason.
 #include <gtest/gtest.h>
 
 #include <cstdio>
 
-#include "tools/harness/sandbox.h"
+#include "harness/sandbox.h"
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/peer/syslog_reader.h"  // SyslogLine
+#include "peer/syslog_record.h"  // SyslogLine
 
 // While it lives, std::cout and std::cerr write into strings of its own.
 // Read it after any other thread that writes to the console has ended.

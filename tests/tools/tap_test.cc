@@ -21,11 +21,11 @@
 #include "messaging/binary_fifo.h"
 #include "tests/support/wire.h"
 #include "tests/support/store_files.h"
-#include "tools/harness/child_process.h"
-#include "tools/harness/sandbox.h"
-#include "tools/peer/frame_codec.h"
-#include "tools/peer/pipe_peer.h"
-#include "tools/peer/syslog_reader.h"
+#include "harness/child_process.h"
+#include "harness/sandbox.h"
+#include "peer/frame_codec.h"
+#include "peer/pipe_peer.h"
+#include "harness/syslog_reader.h"
 
 namespace {
 

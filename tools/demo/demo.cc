@@ -32,12 +32,12 @@
 #include "messaging/binary_fifo.h"
 #include "store/store_layout.h"
 #include "tools/dravikctl/frame_printer.h"
-#include "tools/harness/child_process.h"
-#include "tools/harness/faketime.h"
-#include "tools/harness/sandbox.h"
-#include "tools/peer/frame_codec.h"
-#include "tools/peer/pipe_peer.h"
-#include "tools/peer/syslog_reader.h"
+#include "harness/child_process.h"
+#include "harness/faketime.h"
+#include "harness/sandbox.h"
+#include "peer/frame_codec.h"
+#include "peer/pipe_peer.h"
+#include "harness/syslog_reader.h"
 
 namespace {
 

@@ -20,8 +20,8 @@
 #include "tools/dravikctl/proc_scan.h"
 #include "tools/dravikctl/stop_signals.h"
 #include "tools/dravikctl/tap.h"
-#include "tools/peer/pipe_peer.h"
-#include "tools/peer/syslog_reader.h"
+#include "peer/pipe_peer.h"
+#include "peer/syslog_record.h"
 
 namespace dravikctl {
 namespace {

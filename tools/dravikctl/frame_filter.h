@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "store/catalogue.h"
-#include "tools/peer/frame_codec.h"
+#include "peer/frame_codec.h"
 
 namespace dravikctl {
 

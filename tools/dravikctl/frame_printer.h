@@ -20,7 +20,7 @@
 
 #include "store/catalogue.h"
 #include "tools/dravikctl/pairing.h"
-#include "tools/peer/frame_codec.h"
+#include "peer/frame_codec.h"
 
 namespace dravikctl {
 

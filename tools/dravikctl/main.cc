@@ -7,7 +7,7 @@
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/options.h"
 #include "tools/dravikctl/tap.h"
-#include "tools/peer/frame_codec.h"
+#include "peer/frame_codec.h"
 
 int main(int argc, char* argv[]) {
   // A reader that goes away shows up as EPIPE on the write, which is

@@ -17,7 +17,7 @@
 #include "tools/dravikctl/pcapng.h"
 #include "tools/dravikctl/stop_signals.h"
 #include "tools/dravikctl/tap.h"
-#include "tools/peer/pipe_peer.h"
+#include "peer/pipe_peer.h"
 
 namespace dravikctl {
 namespace {

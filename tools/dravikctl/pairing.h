@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "store/catalogue.h"
-#include "tools/peer/frame_codec.h"
+#include "peer/frame_codec.h"
 
 namespace dravikctl {
 

@@ -10,7 +10,7 @@
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/frame_printer.h"
 #include "tools/dravikctl/stop_signals.h"
-#include "tools/peer/pipe_peer.h"
+#include "peer/pipe_peer.h"
 
 namespace dravikctl {
 namespace {

@@ -32,7 +32,7 @@
 #include <vector>
 
 #include "store/catalogue.h"
-#include "tools/peer/pipe_peer.h"
+#include "peer/pipe_peer.h"
 
 namespace dravikctl {
 

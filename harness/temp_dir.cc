@@ -1,4 +1,4 @@
-#include "tools/harness/temp_dir.h"
+#include "harness/temp_dir.h"
 
 #include <ftw.h>
 #include <sys/stat.h>

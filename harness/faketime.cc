@@ -1,4 +1,4 @@
-#include "tools/harness/faketime.h"
+#include "harness/faketime.h"
 
 #include <glob.h>
 

@@ -3,8 +3,8 @@
 // with each sender's pid. It is drained on a thread of its own, up to 64
 // datagrams per call: glibc's syslog() blocks once the socket's queue is
 // full, so a slow reader would throttle the process it watches.
-#ifndef DRAVIK_TOOLS_PEER_SYSLOG_READER_H_
-#define DRAVIK_TOOLS_PEER_SYSLOG_READER_H_
+#ifndef DRAVIK_HARNESS_SYSLOG_READER_H_
+#define DRAVIK_HARNESS_SYSLOG_READER_H_
 
 #include <sys/types.h>
 
@@ -18,21 +18,7 @@
 #include <utility>
 #include <vector>
 
-// A line as (priority, text), e.g. {LOG_ERR, "getMessage::..."}.
-using SyslogLine = std::pair<int, std::string>;
-
-// One datagram as glibc's syslog() formats it:
-//   "<PRI>Mmm dd hh:mm:ss IDENT: MESSAGE" (IDENT[PID] with LOG_PID).
-struct SyslogRecord {
-  pid_t pid = 0;        // the sender, from its credentials
-  int priority = 0;     // PRI & 7; -1 when the datagram is not in that format
-  std::string ident;    // the tag before ": "
-  std::string message;  // everything after ": ", as sent (a trailing newline too)
-  std::chrono::system_clock::time_point received;
-};
-
-// Splits a datagram into its parts. False when it is not in the format above.
-bool parseSyslogDatagram(const std::string& datagram, SyslogRecord* record);
+#include "peer/syslog_record.h"
 
 class SyslogReader {
  public:
@@ -80,4 +66,4 @@ class SyslogReader {
   int markers_ = 0;
 };
 
-#endif  // DRAVIK_TOOLS_PEER_SYSLOG_READER_H_
+#endif  // DRAVIK_HARNESS_SYSLOG_READER_H_

@@ -1,6 +1,6 @@
 // A private directory, removed with everything in it when destroyed.
-#ifndef DRAVIK_TOOLS_HARNESS_TEMP_DIR_H_
-#define DRAVIK_TOOLS_HARNESS_TEMP_DIR_H_
+#ifndef DRAVIK_HARNESS_TEMP_DIR_H_
+#define DRAVIK_HARNESS_TEMP_DIR_H_
 
 #include <string>
 
@@ -20,4 +20,4 @@ class TempDir {
   std::string path_;
 };
 
-#endif  // DRAVIK_TOOLS_HARNESS_TEMP_DIR_H_
+#endif  // DRAVIK_HARNESS_TEMP_DIR_H_

@@ -7,8 +7,8 @@
 //   peer::CatalogueMessage save("SaveAnalyticsFilterDataCommand", {1, 0});
 //   save.sender = kFilterEndpoint;
 //   std::string frame = encodeFrame(save);
-#ifndef DRAVIK_TOOLS_PEER_FRAME_CODEC_H_
-#define DRAVIK_TOOLS_PEER_FRAME_CODEC_H_
+#ifndef DRAVIK_PEER_FRAME_CODEC_H_
+#define DRAVIK_PEER_FRAME_CODEC_H_
 
 #include <cstdint>
 #include <initializer_list>
@@ -88,4 +88,4 @@ void seedMessageIds();
 
 }  // namespace peer
 
-#endif  // DRAVIK_TOOLS_PEER_FRAME_CODEC_H_
+#endif  // DRAVIK_PEER_FRAME_CODEC_H_

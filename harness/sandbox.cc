@@ -1,4 +1,4 @@
-#include "tools/harness/sandbox.h"
+#include "harness/sandbox.h"
 
 #include <sched.h>
 #include <fcntl.h>

@@ -5,8 +5,8 @@
 // plain mount namespace; for another user it is made inside a user
 // namespace of its own (uid 0 there is the caller), where the kernel allows
 // one.
-#ifndef DRAVIK_TOOLS_HARNESS_SANDBOX_H_
-#define DRAVIK_TOOLS_HARNESS_SANDBOX_H_
+#ifndef DRAVIK_HARNESS_SANDBOX_H_
+#define DRAVIK_HARNESS_SANDBOX_H_
 
 #include <string>
 
@@ -27,4 +27,4 @@ bool inUserNamespace();
 
 }  // namespace sandbox
 
-#endif  // DRAVIK_TOOLS_HARNESS_SANDBOX_H_
+#endif  // DRAVIK_HARNESS_SANDBOX_H_

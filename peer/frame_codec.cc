@@ -1,4 +1,4 @@
-#include "tools/peer/frame_codec.h"
+#include "peer/frame_codec.h"
 
 #include <time.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "tools/peer/pipe_peer.h"
+#include "peer/pipe_peer.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -4,8 +4,8 @@
 // user, its standard output and error captured, signalled, and waited for
 // with a time limit. A child never outlives its ChildProcess, nor the
 // process that started it.
-#ifndef DRAVIK_TOOLS_HARNESS_CHILD_PROCESS_H_
-#define DRAVIK_TOOLS_HARNESS_CHILD_PROCESS_H_
+#ifndef DRAVIK_HARNESS_CHILD_PROCESS_H_
+#define DRAVIK_HARNESS_CHILD_PROCESS_H_
 
 #include <sys/types.h>
 
@@ -110,4 +110,4 @@ std::string describeWaitStatus(int status);
 // false if it has not within `timeout`.
 bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout);
 
-#endif  // DRAVIK_TOOLS_HARNESS_CHILD_PROCESS_H_
+#endif  // DRAVIK_HARNESS_CHILD_PROCESS_H_

@@ -3,8 +3,8 @@
 // reader is reported at once), a full mailbox is waited on until a deadline,
 // and frames are read from the notification pipe with a deadline and a wake
 // descriptor (a signalfd) that ends the wait.
-#ifndef DRAVIK_TOOLS_PEER_PIPE_PEER_H_
-#define DRAVIK_TOOLS_PEER_PIPE_PEER_H_
+#ifndef DRAVIK_PEER_PIPE_PEER_H_
+#define DRAVIK_PEER_PIPE_PEER_H_
 
 #include <time.h>
 
@@ -117,4 +117,4 @@ class FrameReader {
 
 }  // namespace peer
 
-#endif  // DRAVIK_TOOLS_PEER_PIPE_PEER_H_
+#endif  // DRAVIK_PEER_PIPE_PEER_H_

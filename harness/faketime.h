@@ -1,7 +1,7 @@
 // libfaketime for runs of the daemon on accelerated time (tests, demo): its
 // schedule sleeps in poll() on a signalfd, which libfaketime speeds up.
-#ifndef DRAVIK_TOOLS_HARNESS_FAKETIME_H_
-#define DRAVIK_TOOLS_HARNESS_FAKETIME_H_
+#ifndef DRAVIK_HARNESS_FAKETIME_H_
+#define DRAVIK_HARNESS_FAKETIME_H_
 
 #include <string>
 
@@ -11,4 +11,4 @@
 // sanitizer runtimes deadlock in libfaketime's start-up.
 std::string fakeTimeLibrary(const std::string& daemonSanitizers, std::string* whyNot);
 
-#endif  // DRAVIK_TOOLS_HARNESS_FAKETIME_H_
+#endif  // DRAVIK_HARNESS_FAKETIME_H_
