@@ -1,5 +1,6 @@
 #include "messaging/binary_fifo.h"
 
+#include <atomic>
 #include <iomanip>
 #include <iostream>
 #include <memory>
@@ -41,6 +42,10 @@ void reportTruncated(uint32_t length, int32_t selector) {
                     selector);
 }
 
+// Whether the input stream was good at the previous getMessage of the
+// process; decides whether the "Fifo is unhappy" warning is written.
+std::atomic<bool> wasGood{true};
+
 }  // namespace
 
 void BinaryInputFifo::open() {
@@ -56,13 +61,12 @@ void BinaryInputFifo::open() {
 
 BinaryMessage* BinaryInputFifo::getMessage() {
   if (!stream.good()) {
-    if (wasGood_) {
+    if (wasGood.exchange(false)) {
       ConsoleLine(std::cerr) << " Warn: Fifo is unhappy - good=" << stream.good() << " eof=" << stream.eof();
     }
-    wasGood_ = false;
     return notGoodResult<BinaryMessage>();
   }
-  wasGood_ = true;
+  wasGood = true;
 
   try {
     byteArray frame;
@@ -143,7 +147,7 @@ BinaryMessage* BinaryInputFifo::getMessage() {
     return message.release();
   } catch (const std::ios_base::failure& e) {
     ConsoleLine(std::cerr) << " Error: Exception ocurred reading message: " << e.what();
-    wasGood_ = false;
+    wasGood = false;
     return nullptr;
   }
 }
@@ -199,8 +203,9 @@ void encodeFrame(const BinaryMessage& message, MemoryOutputBuffer& frame) {
   uint32_t length = static_cast<uint32_t>(frame.size() - kFrameLengthSize);
   target.seekp(0);
   out << length;
-  target.seekp(kFrameLengthSize + kArgsLengthOffset);
-  out << static_cast<uint32_t>(length - kHeaderSize);
+  // The encoder writes into the buffer directly, past the stream: a seek
+  // beyond what toStream wrote fails, and then nothing may be written.
+  if (target.seekp(kFrameLengthSize + kArgsLengthOffset)) out << static_cast<uint32_t>(length - kHeaderSize);
 }
 
 std::string encodeFrame(const BinaryMessage& message) {

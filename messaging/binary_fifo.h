@@ -25,10 +25,12 @@ class BinaryInputFifo : public InputFifo {
   // failed; notGoodResult() when the stream was not good on entry. Blocks
   // while a writer holds the pipe open and no complete frame is there; a
   // wake descriptor of the stream ends that wait with PipeInterrupted.
+  //
+  // Whether the "Fifo is unhappy" warning is written depends on one flag for
+  // the whole process, not per endpoint: it is cleared by every not-good
+  // outcome and set again by a call that finds its stream good, whichever
+  // endpoint the calls were made on.
   BinaryMessage* getMessage();
-
- private:
-  bool wasGood_ = true;
 };
 
 class BinaryOutputFifo : public OutputFifo {
@@ -50,7 +52,9 @@ class BinaryOutputFifo : public OutputFifo {
 
 // Encodes `message` as one frame into `frame` (emptied first): the length L,
 // the header with argsLength set to L - 44, then the arguments. This is what
-// send() writes, and how every peer builds the frames it sends.
+// send() writes, and how every peer builds the frames it sends. A message
+// whose toStream writes less than a whole header has no argsLength field:
+// nothing is written over its bytes, and L still counts what it wrote.
 void encodeFrame(const BinaryMessage& message, MemoryOutputBuffer& frame);
 std::string encodeFrame(const BinaryMessage& message);
 

@@ -5,8 +5,9 @@
 // file streams (state bits, exception masks and flushing are those of
 // std::istream and std::ostream).
 //
-// Only a named pipe is opened: a symlink (an open never follows one) or any
-// other kind of file at the path is refused as a pipe that cannot be opened.
+// Only a named pipe is opened (typed_open.h): a link to one is followed where
+// it can be trusted; a regular file, a device or anything else at the path
+// is refused as a pipe that cannot be opened, and is never opened itself.
 #ifndef DRAVIK_MESSAGING_PIPE_BUFFER_H_
 #define DRAVIK_MESSAGING_PIPE_BUFFER_H_
 
@@ -14,6 +15,8 @@
 #include <streambuf>
 #include <string>
 #include <vector>
+
+#include "messaging/typed_open.h"
 
 // Thrown out of a read when a wake descriptor ended the wait. It is not a
 // std::ios_base::failure, so a reader that handles stream failures lets it
@@ -26,8 +29,8 @@ class PipeInterrupted : public std::exception {
 class PipeBuffer : public std::streambuf {
  public:
   PipeBuffer() = default;
-  // Closes the descriptor without flushing: a destructor that runs at process
-  // exit must not wait on a full pipe. Writers flush every message themselves.
+  // Closes the descriptor (the writing half flushes first, as a file
+  // stream's destructor does).
   ~PipeBuffer() override;
   PipeBuffer(const PipeBuffer&) = delete;
   PipeBuffer& operator=(const PipeBuffer&) = delete;
@@ -41,23 +44,29 @@ class PipeBuffer : public std::streambuf {
   void wakeOn(std::vector<int> fds) { wakeFds_ = std::move(fds); }
   bool interrupted() const { return interrupted_; }
   // Why the last open, read or write failed: the system's text for its errno,
-  // or "not a named pipe".
+  // "not a named pipe", or the refusal of an untrusted link.
   std::string failure() const;
 
  protected:
-  static constexpr int kNotAPipe = -1;
   enum class Wait { ready, woken, watched, failed };
-  // Opens `path` with `flags` (plus non-blocking, close-on-exec and
-  // no-follow) and checks that it is a named pipe. -1 on failure.
+  // Opens the named pipe at `path` with `flags` (plus non-blocking and
+  // close-on-exec). -1 on failure, with the reason kept for failure().
   int openPipe(const char* path, int flags);
   // Waits until the pipe shows `events` (ready), a wake descriptor is
   // readable (woken), or `watchFd` is readable (watched).
   Wait waitFor(short events, int watchFd = -1);
 
+  // Records a failure of the system for failure().
+  void failed(int error) {
+    lastError_ = error;
+    refusal_ = OpenRefusal::system;
+  }
+
   int fd_ = -1;
   const char* path_ = nullptr;
   bool interrupted_ = false;
-  int lastError_ = 0;  // errno, or kNotAPipe
+  int lastError_ = 0;  // errno of the last failure
+  OpenRefusal refusal_ = OpenRefusal::none;
 
  private:
   std::vector<int> wakeFds_;

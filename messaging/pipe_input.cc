@@ -45,9 +45,16 @@ void PipeReadBuffer::startWatch() {
     watchFd_ = -1;
     return;
   }
-  // The pipe itself, until the first writer has come: a writer that holds
-  // it open without writing shows up only as an open.
-  fileWatch_ = inotify_add_watch(watchFd_, path_, IN_OPEN | IN_DONT_FOLLOW);
+}
+
+// The pipe held now, until the first writer has come: a writer that holds
+// it open without writing shows up only as an open. Watched through the
+// descriptor, so that a pipe reached through a link is the one watched.
+void PipeReadBuffer::watchOpens() {
+  if (watchFd_ < 0) return;
+  if (fileWatch_ >= 0) inotify_rm_watch(watchFd_, fileWatch_);
+  std::string held = "/proc/self/fd/" + std::to_string(fd_);
+  fileWatch_ = inotify_add_watch(watchFd_, held.c_str(), IN_OPEN);
 }
 
 bool PipeReadBuffer::open(const char* path) {
@@ -56,10 +63,12 @@ bool PipeReadBuffer::open(const char* path) {
   path_ = path;
   in_.resize(kMaxFrameSize);
   setg(in_.data(), in_.data(), in_.data());
-  // Watched before it is opened, so that a writer who opens it between our
-  // open and our first wait is still seen.
+  // The directory is watched before the pipe is opened, and the pipe before
+  // the first read: a writer who comes in between is seen by that read (it
+  // holds the pipe, or left bytes or a hangup behind).
   startWatch();
   fd_ = openPipe(path, O_RDONLY);
+  if (fd_ >= 0) watchOpens();
   bool ok = fd_ >= 0 && waitForWriter();
   if (fileWatch_ >= 0) {
     inotify_rm_watch(watchFd_, fileWatch_);
@@ -83,7 +92,7 @@ bool PipeReadBuffer::waitForWriter() {
     if (n < 0) {
       if (errno == EAGAIN) return true;
       if (errno == EINTR) continue;
-      lastError_ = errno;
+      failed(errno);
       return false;
     }
     if (hungUp()) return true;
@@ -97,7 +106,7 @@ bool PipeReadBuffer::reopen() {
   if (path_ == nullptr) return false;
   int fd = openPipe(path_, O_RDONLY);
   struct stat held;
-  if (fd < 0 && lastError_ == ENOENT && fd_ >= 0 && fstat(fd_, &held) == 0) {
+  if (fd < 0 && refusal_ == OpenRefusal::system && lastError_ == ENOENT && fd_ >= 0 && fstat(fd_, &held) == 0) {
     // Made again with the mode of the pipe it replaces: the process umask
     // would narrow it, and clients of every user must reach it.
     mode_t mode = held.st_mode & 07777;
@@ -105,7 +114,7 @@ bool PipeReadBuffer::reopen() {
       fd = openPipe(path_, O_RDONLY);
       if (fd >= 0) (void)fchmod(fd, mode);
     } else {
-      lastError_ = errno;
+      failed(errno);
       if (!makeFailureReported_) std::cerr << "Failed to create FIFO" << std::endl;
       makeFailureReported_ = true;
     }
@@ -117,10 +126,7 @@ bool PipeReadBuffer::reopen() {
   makeFailureReported_ = false;
   if (in_.empty()) in_.resize(kMaxFrameSize);
   setg(in_.data(), in_.data(), in_.data());
-  if (fileWatch_ >= 0) {
-    inotify_rm_watch(watchFd_, fileWatch_);
-    fileWatch_ = inotify_add_watch(watchFd_, path_, IN_OPEN | IN_DONT_FOLLOW);
-  }
+  if (fileWatch_ >= 0) watchOpens();
   return true;
 }
 
@@ -149,7 +155,7 @@ bool PipeReadBuffer::pathChanged() {
 
 void PipeReadBuffer::followPath() {
   struct stat atPath, held;
-  if (lstat(path_, &atPath) == 0 && fstat(fd_, &held) == 0 && atPath.st_dev == held.st_dev &&
+  if (stat(path_, &atPath) == 0 && fstat(fd_, &held) == 0 && atPath.st_dev == held.st_dev &&
       atPath.st_ino == held.st_ino) {
     return;
   }
@@ -180,7 +186,7 @@ std::streamsize PipeReadBuffer::readSome(char* to, std::streamsize capacity) {
     } else if (errno == EAGAIN) {
       writerHolds = true;
     } else {
-      lastError_ = errno;
+      failed(errno);
       return 0;
     }
     switch (waitFor(POLLIN, watchFd_)) {

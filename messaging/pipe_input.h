@@ -50,6 +50,7 @@ class PipeReadBuffer : public PipeBuffer {
   void followPath();
   bool hungUp() const;
   void startWatch();
+  void watchOpens();
 
   std::vector<char> in_;
   int watchFd_ = -1;

@@ -13,6 +13,10 @@ namespace {
 constexpr std::size_t kOutputBufferSize = 4096;
 }  // namespace
 
+PipeWriteBuffer::~PipeWriteBuffer() {
+  if (fd_ >= 0) (void)flushPending();
+}
+
 bool PipeWriteBuffer::open(const char* path) {
   if (fd_ >= 0) return true;
   interrupted_ = false;
@@ -37,7 +41,7 @@ bool PipeWriteBuffer::writeAll(const char* data, std::size_t size) {
       if (waitFor(POLLOUT) == Wait::ready) continue;
       return false;
     }
-    lastError_ = n < 0 ? errno : EIO;
+    failed(n < 0 ? errno : EIO);
     return false;
   }
   return true;

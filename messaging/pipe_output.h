@@ -12,6 +12,10 @@
 
 class PipeWriteBuffer : public PipeBuffer {
  public:
+  // Writes out what is still buffered, then closes, like std::ofstream. A
+  // full pipe is waited for, unless a wake descriptor is readable: at the
+  // daemon's exit the stop has triggered them, so exit never hangs here.
+  ~PipeWriteBuffer() override;
   // Opens the pipe at `path` for reading and writing, so that it never waits
   // for a reader and never fails for want of one; bytes wait in the pipe
   // until a reader takes them.

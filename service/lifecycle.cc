@@ -17,21 +17,13 @@ uint32_t startupDelay = 0;
 
 namespace {
 
-void sleepUnlessStopped(unsigned seconds) {
-  int signal = stopsignals::wait(seconds);
-  if (signal != 0) HandleStopSignal(signal);
-}
-
 // Between two steps of the schedule: a stop that arrived while a step ran
 // (a send blocked on a full pipe gives up on it) ends the process before the
 // next step, not at the next sleep.
-void stopIfSignalled() {
-  int signal = stopsignals::take();
-  if (signal != 0) HandleStopSignal(signal);
-}
+void stopIfSignalled() { stopsignals::check(); }
 
 Sleeper& sleeper() {
-  static Sleeper current = sleepUnlessStopped;
+  static Sleeper current = stopsignals::sleep;
   return current;
 }
 
@@ -62,16 +54,19 @@ bool ParseOptions(int argc, char* argv[]) {
   return true;
 }
 
-void InstallSignalHandlers() { stopsignals::block(); }
+void InstallSignalHandlers() { stopsignals::install(HandleStopSignal); }
 
 void HandleStopSignal(int signal) {
+  // The dispatcher begins a stop only after claiming it, so a thread that
+  // finds the stop taken here is the main thread: it gives way.
+  if (!stopsignals::claim()) stopsignals::park();
   LogLine(LOG_INFO) << "Dravik API";
   if (!quiet) LogLine(LOG_ERR) << "Received signal: " << signal << " - stopping";
   StopApi();
   exit(1);
 }
 
-void SetSleeper(Sleeper newSleeper) { sleeper() = newSleeper ? std::move(newSleeper) : sleepUnlessStopped; }
+void SetSleeper(Sleeper newSleeper) { sleeper() = newSleeper ? std::move(newSleeper) : stopsignals::sleep; }
 
 void RequestAllCalibrationData() {
   for (int32_t channel = 0; channel < kChannelCount; ++channel) {

@@ -17,8 +17,7 @@ int main(int argc, char* argv[]) {
   } catch (const std::ios_base::failure&) {
     // The wait for the first writer ends early on a stop signal; anything
     // else means the service has no command pipe and cannot work.
-    int signal = stopsignals::take();
-    if (signal != 0) HandleStopSignal(signal);
+    stopsignals::check();
     LogLine(LOG_ERR) << "API: cannot open command (input) FIFO " << kCommandFifoPath << ": "
                      << commandFifo.stream.buffer().failure();
     exit(2);

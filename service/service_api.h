@@ -23,7 +23,11 @@ extern std::atomic<bool> dispatcherExit;
 void StartApi();
 void CreateDispatcherThread();
 void RunDispatcher();
-// Ends and waits for the dispatcher, then closes both pipes. The pipe files stay.
+// Ends and waits for the dispatcher, then closes both pipes. The pipe files
+// stay. No message starts once "API: Signaling thread exit" is logged, and
+// the dispatcher's "API: exiting dispatcher" falls between "API: Waiting for
+// thread termination" and "API: Thread has exited". On the dispatcher thread
+// itself it waits for nothing and the dispatcher logs no exit line.
 void StopApi();
 
 #endif  // DRAVIK_SERVICE_SERVICE_API_H_

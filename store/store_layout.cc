@@ -2,13 +2,14 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <charconv>
-#include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <new>
 
 #include "messaging/frame_format.h"
 #include "messaging/system_log.h"
+#include "store/store_file_system.h"
 
 namespace {
 
@@ -39,44 +40,95 @@ std::string FilterFilePath(int32_t channel) {
   return storePath(kFilterDirectory, "metadataFilterCH", channel, ".xml");
 }
 
-void RemoveStoreFile(const std::string& path) { (void)unlink(path.c_str()); }
+void RemoveStoreFile(const std::string& path) { (void)storeFileSystem().unlink(path); }
+
+namespace {
+
+std::string directoryOf(const std::string& path) {
+  std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+bool writeAll(StoreFileSystem& files, int fd, const char* data, std::size_t size) {
+  while (size > 0) {
+    ssize_t n = files.write(fd, data, size);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    data += n;
+    size -= static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
 
 CalibrationWrite WriteCalibrationFile(const std::string& path, const byteArray& block) {
-  std::ofstream file(path, std::ios::out | std::ios::binary);
-  if (!file.is_open()) return CalibrationWrite::openFailed;
-  file.write(block.data, static_cast<std::streamsize>(block.length));
-  // Flushed before the state is judged, so that a full file system shows up
-  // here and not silently at close.
-  file.flush();
-  CalibrationWrite result = file.good() ? CalibrationWrite::written : CalibrationWrite::writeFailed;
-  file.close();
-  return result;
+  StoreFileSystem& files = storeFileSystem();
+  int fd = files.create(path);
+  if (fd < 0) return CalibrationWrite::openFailed;
+  // The block, then the file, then the directory that names it are on the
+  // storage before the outcome is judged: once "Updated" is logged, a power
+  // cut leaves the whole block.
+  bool ok = writeAll(files, fd, block.data, block.length);
+  ok = files.sync(fd) == 0 && ok;
+  ok = files.syncDirectory(directoryOf(path)) == 0 && ok;
+  files.close(fd);
+  return ok ? CalibrationWrite::written : CalibrationWrite::writeFailed;
 }
 
 CalibrationRead ReadCalibrationFile(const std::string& path, byteArray& block, uint64_t* size) {
-  std::ifstream file(path, std::ios::in | std::ios::binary | std::ios::ate);
-  if (!file.is_open()) return CalibrationRead::missing;
-  std::streamoff end = file.tellg();
-  *size = end > 0 ? static_cast<uint64_t>(end) : 0;
-  file.seekg(0);
+  StoreFileSystem& files = storeFileSystem();
   block.release();
-  if (*size == 0) return CalibrationRead::read;
+  int fd = files.openForReading(path);
+  if (fd < 0) return CalibrationRead::missing;
+  int64_t end = files.size(fd);
+  *size = end > 0 ? static_cast<uint64_t>(end) : 0;
+  CalibrationRead result = CalibrationRead::read;
   // A stray huge file must not end the process: a block that no frame's
   // 32-bit length can carry, or that cannot be allocated, is too large.
   constexpr uint64_t kLargestBlock = UINT32_MAX - kHeaderSize - 2 * sizeof(uint32_t);
-  char* data = *size <= kLargestBlock ? new (std::nothrow) char[*size] : nullptr;
-  if (data == nullptr) return CalibrationRead::tooLarge;
-  block.data = data;
-  block.length = static_cast<uint32_t>(*size);
-  file.read(block.data, static_cast<std::streamsize>(*size));
-  return CalibrationRead::read;
+  char* data = *size > 0 && *size <= kLargestBlock ? new (std::nothrow) char[*size] : nullptr;
+  if (*size > 0 && data == nullptr) {
+    result = CalibrationRead::tooLarge;
+  } else if (data != nullptr) {
+    // One pass; a file that shrank meanwhile leaves zeros, never memory
+    // that was not read.
+    std::size_t got = 0;
+    while (got < *size) {
+      ssize_t n = files.read(fd, data + got, static_cast<std::size_t>(*size - got));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    std::memset(data + got, 0, static_cast<std::size_t>(*size - got));
+    block.data = data;
+    block.length = static_cast<uint32_t>(*size);
+  }
+  files.close(fd);
+  return result;
 }
 
 bool FilterFileExists(const std::string& path) {
-  std::ifstream file(path, std::ios::in | std::ios::binary | std::ios::ate);
-  return file.is_open();
+  StoreFileSystem& files = storeFileSystem();
+  int fd = files.openForReading(path);
+  if (fd < 0) return false;
+  files.close(fd);
+  return true;
 }
 
 bool InstallFilterFile(const std::string& source, const std::string& destination) {
-  return rename(source.c_str(), destination.c_str()) == 0;
+  StoreFileSystem& files = storeFileSystem();
+  // The client's document reaches the storage before it takes the store
+  // file's name; one that cannot be synced (or is no regular file) is moved
+  // all the same.
+  int fd = files.openForReading(source);
+  if (fd >= 0) {
+    (void)files.sync(fd);
+    files.close(fd);
+  }
+  if (files.rename(source, destination) != 0) return false;
+  int error = errno;
+  (void)files.syncDirectory(directoryOf(destination));
+  errno = error;
+  return true;
 }

@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <future>
+#include <iostream>
 #include <thread>
 
 #include "messaging/binary_fifo.h"
@@ -75,19 +76,78 @@ TEST_F(EndpointTest, OutputOpensAtOnceWithoutAReaderAndOnlyOnce) {
   EXPECT_EQ(console_.takeOut(), "Opened output FIFO\n");
 }
 
-TEST_F(EndpointTest, WhatIsNotANamedPipeCannotBeOpened) {
-  std::string file = dir_.file("file"), link = dir_.file("link");
+// What stands at a pipe's path: only a named pipe is opened, through a link
+// where the link can be trusted; anything else is refused without being
+// opened.
+TEST_F(EndpointTest, OnlyANamedPipeIsOpenedThroughALinkThatCanBeTrusted) {
+  const std::string fifo = makeFifo(dir_.file("fifo")), file = dir_.file("file");
   writeFile(file, "keep");
-  ASSERT_EQ(symlink(makeFifo(dir_.file("p")).c_str(), link.c_str()), 0);
-  for (const std::string& path : {file, link, dir_.path()}) {
-    BinaryOutputFifo out(path.c_str());
+  // A sticky directory that everyone may write, as /tmp is.
+  const std::string sticky = dir_.file("sticky");
+  ASSERT_EQ(mkdir(sticky.c_str(), 0777), 0);
+  ASSERT_EQ(chmod(sticky.c_str(), 01777), 0);
+  auto link = [&](const std::string& name, const std::string& target, uid_t owner = geteuid()) {
+    const std::string path = name[0] == '/' ? name : dir_.file(name);
+    EXPECT_EQ(symlink(target.c_str(), path.c_str()), 0) << path;
+    if (owner != geteuid() && lchown(path.c_str(), owner, owner) != 0) return std::string();
+    return path;
+  };
+  const std::string notAPipe = "not a named pipe";
+  const struct Row {
+    const char* name;
+    std::string path;  // empty: this system cannot make the row (another user's link needs root)
+    std::string failure;  // empty: it opens
+  } rows[] = {
+      {"a named pipe", fifo, ""},
+      {"a link to a named pipe", link("link", fifo), ""},
+      {"a link to a link to a named pipe", link("link2", dir_.file("link")), ""},
+      {"my own link in a sticky directory", link(sticky + "/mine", fifo), ""},
+      {"another user's link in a sticky directory", link(sticky + "/theirs", fifo, 4242),
+       "a link of another user in a sticky directory"},
+      {"a regular file", file, notAPipe},
+      {"a link to a regular file", link("to-file", file), notAPipe},
+      {"a directory", dir_.path(), notAPipe},
+      {"a device, through a link", link("to-null", "/dev/null"), notAPipe},
+      {"a dangling link", link("dangling", dir_.file("nothing")), "No such file or directory"},
+      {"nothing", dir_.file("absent"), "No such file or directory"},
+  };
+  for (const Row& row : rows) {
+    if (row.path.empty()) {
+      std::cout << "[ SKIPPED  ] row \"" << row.name << "\": lchown needs root here\n";
+      continue;
+    }
+    BinaryOutputFifo out(row.path.c_str());
     out.open();
-    EXPECT_EQ(console_.takeErr(), "<time> Error: Attempt to open binary output FIFO failed: " + path + "\n");
-    BinaryInputFifo in(path.c_str());
-    EXPECT_THROW(in.open(), std::ios_base::failure) << path;
-    EXPECT_EQ(in.stream.buffer().failure(), "not a named pipe") << path;
+    EXPECT_EQ(out.stream.is_open(), row.failure.empty()) << row.name;
+    EXPECT_EQ(console_.takeErr(),
+              row.failure.empty() ? "" : "<time> Error: Attempt to open binary output FIFO failed: " + row.path + "\n")
+        << row.name;
+    if (row.failure.empty()) continue;
+    EXPECT_EQ(out.stream.buffer().failure(), row.failure) << row.name;
+    BinaryInputFifo in(row.path.c_str());
+    EXPECT_THROW(in.open(), std::ios_base::failure) << row.name;
+    EXPECT_EQ(in.stream.buffer().failure(), row.failure) << row.name;
   }
   EXPECT_EQ(readFile(file), "keep");
+}
+
+// As a file stream does, closing and destroying an endpoint write out what
+// its stream still holds.
+TEST_F(EndpointTest, ClosingOrDestroyingAnOutputWritesOutWhatItHolds) {
+  std::string path = makeFifo(dir_.file("p"));
+  Fd reader = openFd(path, O_RDONLY | O_NONBLOCK);
+  for (bool destroy : {false, true}) {
+    auto fifo = std::make_unique<OutputFifo>(path.c_str());
+    fifo->open();
+    fifo->stream << "held";
+    EXPECT_EQ(readAvailable(reader.get()), "") << "written out too early";
+    if (destroy) {
+      fifo.reset();
+    } else {
+      fifo->close();
+    }
+    EXPECT_EQ(readAvailable(reader.get()), "held") << (destroy ? "destroyed" : "closed");
+  }
 }
 
 TEST_F(EndpointTest, InputOpenWaitsForAWriterEvenOneThatLeavesAtOnce) {

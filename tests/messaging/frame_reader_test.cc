@@ -174,18 +174,29 @@ TEST_F(FrameReaderTest, EndOfFileIsReportedOnceThenTheStreamIsNotGood) {
   EXPECT_EQ(console_.takeErr(), "");
 }
 
-TEST_F(FrameReaderTest, StreamNotGoodOnTheFirstCallIsWarnedOnceUntilGoodAgain) {
-  fifo_->stream.setstate(std::ios::eofbit);
-  EXPECT_EQ(fifo_->getMessage(), notGoodResult<BinaryMessage>());
-  EXPECT_EQ(fifo_->getMessage(), notGoodResult<BinaryMessage>());
-  EXPECT_EQ(console_.takeErr(), "<time> Warn: Fifo is unhappy - good=0 eof=1\n");
-  fifo_->stream.clear();
+TEST_F(FrameReaderTest, OneFlagForTheProcessDecidesTheUnhappyWarning) {
+  // A second reader on a pipe of its own; both share the flag.
+  std::string otherPath = makeFifo(dir_.file("other"));
+  Fd otherWriter = openFd(otherPath, O_RDWR);
+  BinaryInputFifo other(otherPath.c_str());
+  other.open();
+  console_.takeOut();
   writeAll(writer_.get(), kMarker);
-  expectMarkerNext("good again");
+  expectMarkerNext("a good read sets the flag");
+  other.stream.setstate(std::ios::eofbit);
+  EXPECT_EQ(other.getMessage(), notGoodResult<BinaryMessage>());
+  EXPECT_EQ(other.getMessage(), notGoodResult<BinaryMessage>());
+  EXPECT_EQ(console_.takeErr(), "<time> Warn: Fifo is unhappy - good=0 eof=1\n");
   fifo_->stream.exceptions(std::ios::goodbit);
   fifo_->stream.setstate(std::ios::failbit);
   EXPECT_EQ(fifo_->getMessage(), notGoodResult<BinaryMessage>());
-  EXPECT_EQ(console_.takeErr(), "<time> Warn: Fifo is unhappy - good=0 eof=0\n");
+  EXPECT_EQ(console_.takeErr(), "") << "the other reader cleared the flag";
+  other.stream.clear();
+  writeAll(otherWriter.get(), kMarker);
+  std::unique_ptr<BinaryMessage> good(other.getMessage());
+  ASSERT_NE(good, nullptr);
+  EXPECT_EQ(fifo_->getMessage(), notGoodResult<BinaryMessage>());
+  EXPECT_EQ(console_.takeErr(), "<time> Warn: Fifo is unhappy - good=0 eof=0\n") << "the other reader set it again";
   EXPECT_EQ(syslog_.take(), std::vector<SyslogLine>{});
 }
 

@@ -33,6 +33,13 @@ class Payload : public BinaryNotification {
   std::string args_;
 };
 
+// A class whose toStream writes its arguments only, no header.
+class Headerless : public Payload {
+ public:
+  using Payload::Payload;
+  void toStream(bostream& out) const override { out.write("\x11\x22\x33\x44\x55\x66\x77\x88", 8); }
+};
+
 class FrameWriterTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -59,6 +66,7 @@ TEST_F(FrameWriterTest, FramesCarryTheirLengthAndArgsLength) {
     std::string args;
     int32_t argsLengthMember;
     std::string hex;
+    bool header = true;
   } rows[] = {
       {"no arguments", "", 0,
        "00 00 00 2C 00 00 00 01 00 00 00 05 00 00 00 0D 00 00 00 07 00 00 00 00"
@@ -67,9 +75,12 @@ TEST_F(FrameWriterTest, FramesCarryTheirLengthAndArgsLength) {
        "00 00 00 36 00 00 00 01 00 00 00 05 00 00 00 0D 00 00 00 07 00 00 00 00"
        "00 00 01 1F 71 FB 04 CB 00 00 00 0D 00 00 00 00 00 00 00 00 00 00 00 0A"
        "30 31 32 33 34 35 36 37 38 39"},
+      {"no header written: no argsLength field to patch", "", 0, "00 00 00 08 11 22 33 44 55 66 77 88", false},
   };
   for (const Row& row : rows) {
-    Payload message(row.args);
+    Payload payload(row.args);
+    Headerless headerless;
+    Payload& message = row.header ? payload : headerless;
     message.argsLength = row.argsLengthMember;
     fifo_->send(message);
     EXPECT_EQ(toHex(readAvailable(reader.get())), toHex(bytesFromHex(row.hex))) << row.name;
