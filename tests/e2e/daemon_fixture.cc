@@ -1,11 +1,14 @@
 #include "tests/e2e/daemon_fixture.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/syscall.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "tests/support/store_files.h"
 #include "tests/support/wire.h"
@@ -109,16 +112,35 @@ DaemonFixture::Reply DaemonFixture::exchange(const std::string& bytes) {
   return reply;
 }
 
-std::string DaemonFixture::stop(int signal) {
-  daemon_->signal(signal);
+std::string DaemonFixture::stop(int signal, pid_t tid) {
+  if (tid != 0) {
+    syscall(SYS_tgkill, daemon_->pid(), tid, signal);
+  } else {
+    daemon_->signal(signal);
+  }
   std::optional<int> status = daemon_->wait(kGuard);
   syslog_.flush(kGuard);
   return status ? describeWaitStatus(*status) : "did not stop";
 }
 
+pid_t DaemonFixture::dispatcherTid() const {
+  std::string dir = "/proc/" + std::to_string(daemon_->pid()) + "/task";
+  pid_t found = 0;
+  if (DIR* tasks = opendir(dir.c_str())) {
+    while (dirent* entry = readdir(tasks)) {
+      pid_t tid = static_cast<pid_t>(std::atoi(entry->d_name));
+      if (tid > 0 && tid != daemon_->pid()) found = tid;
+    }
+    closedir(tasks);
+  }
+  return found;
+}
+
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   if (::testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
+  // A writer whose daemon stopped learns it from the write's error.
+  signal(SIGPIPE, SIG_IGN);
   // Opened before the sandbox may cover the directory it was built in.
   binaryFd = openExecutable(DRAVIK_BINARY);
   std::string why;

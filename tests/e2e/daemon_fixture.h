@@ -57,8 +57,11 @@ class DaemonFixture : public ::testing::Test {
   // The next frame from the notification pipe, whatever its length (empty
   // when none came).
   std::string nextFrame();
-  // Sends `signal` and returns the exit status ("exited with status 1").
-  std::string stop(int signal);
+  // Sends `signal` (to the thread `tid` alone, if given) and returns the
+  // exit status ("exited with status 1").
+  std::string stop(int signal, pid_t tid = 0);
+  // The dispatcher thread's id: the daemon's one thread besides the main.
+  pid_t dispatcherTid() const;
 
   std::unique_ptr<ChildProcess> daemon_ = std::make_unique<ChildProcess>();
   SyslogReader syslog_;

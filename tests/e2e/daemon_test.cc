@@ -4,12 +4,14 @@
 // idle CPU, the timed schedule, and what the daemon refuses to do for an
 // unprivileged peer.
 #include <fcntl.h>
+#include <poll.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <thread>
 
@@ -24,6 +26,9 @@ const std::string kOpening = "<time> Info: Opening binary input FIFO: /tmp/dravi
 const std::string kEndOfFile = "<time> Error: Exception ocurred reading message: basic_ios::clear: iostream error\n";
 const SyslogLine kBanner = info("Running Halvora Parameter Storage Service (dravik)");
 const SyslogLine kEmpty = info("API: Input FIFO is empty");
+SyslogLine calibrationResetLine(int channel) {
+  return info("ResetCalibrationNotification::toStream channel=" + std::to_string(channel));
+}
 
 std::vector<SyslogLine> startLines(const std::string& delay, bool dispatcher = true) {
   std::vector<SyslogLine> lines = {kBanner, info("API: starting dispatcher with sleep=" + delay),
@@ -36,14 +41,18 @@ std::vector<SyslogLine> startLines(const std::string& delay, bool dispatcher = t
   return lines;
 }
 
-std::vector<SyslogLine> stopLines(int signal, bool dispatcher = true) {
+enum class Runs { main, dispatcher, noDispatcher };
+
+// The stop's lines; on the dispatcher thread itself there is no thread to
+// wait for, and it logs no exit of its own.
+std::vector<SyslogLine> stopLines(int signal, Runs runs = Runs::main) {
   std::vector<SyslogLine> lines = {info("Dravik API")};
   if (signal != 0) lines.push_back(err("Received signal: " + std::to_string(signal) + " - stopping"));
-  if (dispatcher) {
-    for (const char* text : {"API: Signaling thread exit", "API: Waiting for thread termination",
-                             "API: exiting dispatcher", "API: Thread has exited"}) {
-      lines.push_back(info(text));
-    }
+  if (runs == Runs::noDispatcher) return lines;
+  for (const char* text : {"API: Signaling thread exit", "API: Waiting for thread termination",
+                           "API: exiting dispatcher", "API: Thread has exited"}) {
+    if (runs == Runs::dispatcher && std::string(text) == "API: exiting dispatcher") continue;
+    lines.push_back(info(text));
   }
   return lines;
 }
@@ -75,21 +84,70 @@ TEST_F(DaemonTest, BadOptionsEndWithStatus127AfterTheBanner) {
   }
 }
 
-TEST_F(DaemonTest, EachStopSignalEndsWithStatus1AndTheStopLines) {
-  const std::pair<int, std::vector<std::string>> rows[] = {
-      {SIGTERM, {"-s", "1000"}}, {SIGINT, {"-s", "0x3E8"}}, {SIGHUP, {"-s", "1000"}}, {SIGQUIT, {"-s", "1000"}},
-      {0, {"-q", "-s", "1000"}}};
-  for (const auto& row : rows) {
-    ASSERT_NO_FATAL_FAILURE(start(row.second));
+// Each stop signal, sent to the process or to one thread alone: the thread
+// it is pending on takes it.
+TEST_F(DaemonTest, EachStopSignalEndsWithStatus1AndTheStopLinesOnTheThreadItReaches) {
+  enum class To { process, mainThread, dispatcherThread };
+  const struct Row {
+    int signal;  // 0: SIGTERM with -q
+    std::vector<std::string> args;
+    To to;
+  } rows[] = {
+      {SIGTERM, {"-s", "1000"}, To::process},       {SIGINT, {"-s", "0x3E8"}, To::process},
+      {SIGHUP, {"-s", "1000"}, To::process},        {SIGQUIT, {"-s", "1000"}, To::process},
+      {0, {"-q", "-s", "1000"}, To::process},       {SIGTERM, {"-s", "1000"}, To::mainThread},
+      {SIGTERM, {"-s", "1000"}, To::dispatcherThread}, {SIGINT, {"-q", "-s", "1000"}, To::dispatcherThread},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE("signal " + std::to_string(row.signal) + " to " + std::to_string(static_cast<int>(row.to)));
+    ASSERT_NO_FATAL_FAILURE(start(row.args));
     ASSERT_NO_FATAL_FAILURE(connect());
-    EXPECT_EQ(stop(row.first == 0 ? SIGTERM : row.first), "exited with status 1");
-    EXPECT_EQ(log(), concat(startLines("1000"), stopLines(row.first)));
+    pid_t tid = row.to == To::mainThread ? daemon_->pid() : row.to == To::dispatcherThread ? dispatcherTid() : 0;
+    ASSERT_EQ(tid == 0, row.to == To::process);
+    int signal = row.signal == 0 ? SIGTERM : row.signal;
+    EXPECT_EQ(stop(signal, tid), "exited with status 1");
+    bool quiet = row.signal == 0 || row.args[0] == "-q";
+    EXPECT_EQ(log(), concat(startLines("1000"), stopLines(quiet ? 0 : signal,
+                                                          row.to == To::dispatcherThread ? Runs::dispatcher : Runs::main)));
     EXPECT_EQ(maskLogTime(daemon_->out()), kOpening);
     EXPECT_EQ(daemon_->err(), "");
   }
   ASSERT_NO_FATAL_FAILURE(start({"-s", "0xffffffff"}));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
-  EXPECT_EQ(log(), concat(startLines("-1", false), stopLines(SIGTERM, false)));
+  EXPECT_EQ(log(), concat(startLines("-1", false), stopLines(SIGTERM, Runs::noDispatcher)));
+}
+
+// Under a flood of requests no message starts once the exit is signalled,
+// and the dispatcher's line falls between the two that follow.
+TEST_F(DaemonTest, StopUnderAFloodRunsNoMessageAfterTheExitIsSignalled) {
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+  ASSERT_NO_FATAL_FAILURE(connect());
+  std::atomic<bool> done{false};
+  std::thread drain([&] {
+    char buffer[65536];
+    while (!done.load()) {
+      struct pollfd p = {comm_.get(), POLLIN, 0};
+      if (poll(&p, 1, 10) > 0 && read(comm_.get(), buffer, sizeof buffer) <= 0) std::this_thread::yield();
+    }
+  });
+  std::thread flood([&] {
+    std::string burst;
+    for (int i = 0; i < 100; ++i) burst += frame(Header{13001, 2, 13, i + 1}, be32(7));
+    std::string error;
+    while (!done.load() && mailbox_.write(burst, peer::Deadline::after(1), &error)) {
+    }
+  });
+  EXPECT_TRUE(waitForLine(calibrationResetLine(7), 500));
+  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
+  done = true;
+  flood.join();
+  drain.join();
+  std::vector<SyslogLine> lines = log();
+  auto signalling = std::find(lines.begin(), lines.end(), info("API: Signaling thread exit"));
+  ASSERT_NE(signalling, lines.end());
+  EXPECT_EQ(std::vector<SyslogLine>(signalling, lines.end()),
+            (std::vector<SyslogLine>{info("API: Signaling thread exit"), info("API: Waiting for thread termination"),
+                                     info("API: exiting dispatcher"), info("API: Thread has exited")}));
 }
 
 TEST_F(DaemonTest, FirstWriterEndsTheWaitEvenIfItSendsNothing) {

@@ -146,6 +146,25 @@ std::vector<Scenario> makeScenarios() {
   for (int32_t ch = 1; ch < 4; ++ch) append(restoreLarge.lines, noCalibration(ch));
   for (int32_t ch = 0; ch < 4; ++ch) append(restoreLarge.lines, noFilter(ch));
 
+  // Only regular files are store files: nothing else at a store path is
+  // opened, let alone waited on (a named pipe without a writer would hold
+  // the start-up for ever).
+  Step restorePlanted{Step::Kind::restore, "", {}, {}, ""};
+  append(restorePlanted.lines, noCalibration(0));
+  append(restorePlanted.lines, noCalibration(1));
+  restorePlanted.lines.push_back(info("Restoring Zek Calibration for ch=2"));
+  restorePlanted.lines.push_back(
+      info("SetCalibrationDataNotification File: " + calibrationPath(2) + " Has data size=8"));
+  restorePlanted.lines.push_back(info("toStream channel=2 length=8"));
+  restorePlanted.out.push_back(framePattern(2046, 11, 2045, be32(2) + block("<other/>")));
+  append(restorePlanted.lines, noCalibration(3));
+  append(restorePlanted.lines, noFilter(0));
+  restorePlanted.lines.push_back(info("RestoreZekAnalyticsFilter:: for ch=1"));
+  restorePlanted.out.push_back(framePattern(13004, 11, 0, be32(1) + str(filterPath(1))));
+  append(restorePlanted.lines, noFilter(2));
+  append(restorePlanted.lines, noFilter(3));
+  using Is = StoreFile::Is;
+
   const std::string longName(32768, 'n');
   return {
       {"reset of all channels removes every store file and announces each in order",
@@ -190,6 +209,16 @@ std::vector<Scenario> makeScenarios() {
        {restore},
        {{calibrationPath(0), block100}, {calibrationPath(2), ""}, {filterPath(0), "<f0/>"}, {filterPath(3), "<f3/>"}},
        {calibrationPath(1)}},
+      {"start-up restore takes only regular files, through links too",
+       {{kOther, "<other/>"},
+        {calibrationPath(0), "", 0, Is::namedPipe},
+        {calibrationPath(1), "/dev/zero", 0, Is::link},
+        {calibrationPath(2), kOther, 0, Is::link},
+        {filterPath(0), "", 0, Is::namedPipe},
+        {filterPath(1), kOther, 0, Is::link}},
+       {restorePlanted},
+       {{kOther, "<other/>"}},
+       {}},
       {"start-up restore checks no size",
        {{calibrationPath(0), std::string(65490, 'L')}},
        {restoreLarge},
@@ -289,6 +318,14 @@ std::vector<Scenario> makeScenarios() {
 }
 
 void writeStoreFile(const StoreFile& file) {
+  if (file.is == StoreFile::Is::namedPipe) {
+    ASSERT_EQ(mkfifo(file.path.c_str(), 0666), 0) << std::strerror(errno);
+    return;
+  }
+  if (file.is == StoreFile::Is::link) {
+    ASSERT_EQ(symlink(file.content.c_str(), file.path.c_str()), 0) << std::strerror(errno);
+    return;
+  }
   writeFile(file.path, file.content);
   if (file.size != 0) {
     ASSERT_EQ(truncate(file.path.c_str(), static_cast<off_t>(file.size)), 0) << std::strerror(errno);

@@ -19,11 +19,14 @@
 // channel; the drivers put in the request's id. In log lines: "{req0}".
 constexpr int32_t requestOf(int32_t channel) { return -100 - channel; }
 
-// A store file: its content, or a sparse file of `size` bytes.
+// A store file: its content, or a sparse file of `size` bytes; or, planted
+// where a store file belongs, a named pipe or a link to `content`.
 struct StoreFile {
+  enum class Is { file, namedPipe, link };
   std::string path;
   std::string content;
   uint64_t size = 0;
+  Is is = Is::file;
 };
 
 enum class Fault { none, missingCalibrationDirectory, fullCalibrationStore, readOnlyFilterStore };
