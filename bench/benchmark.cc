@@ -190,30 +190,40 @@ void Benchmark::measureCalibration(Measurements& m) {
   m.dirtyAtEnd = procstats::privateDirtyKiB(daemon_.pid());
 }
 
-// In this process: UpdateCalibrationData (with its log lines) against a
-// plain unlink, open, write and close of the same bytes in the same
-// directory.
+// In this process: UpdateCalibrationData (with its log lines and its syncs)
+// against a plain unlink, open, write and close of the same bytes in the
+// same directory, and the same plain write with an fsync of the file and of
+// the directory: what the syncs cost.
 void Benchmark::measureStore(Measurements& m) {
   phase("store", 600);
   byteArray calibration;
   calibration.assign(block_.data() + kFrameLengthSize + kHeaderSize + 4, kCalibrationBlockSize);
   const std::string plainPath = std::string(kCalibrationDirectory) + "plain.bin";
+  auto plainWrite = [&](bool synced) {
+    unlink(plainPath.c_str());
+    int fd = ::open(plainPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || ::write(fd, calibration.data, calibration.length) != static_cast<ssize_t>(calibration.length)) {
+      unhealthy("plain write failed");
+    }
+    if (synced) {
+      int dir = ::open(kCalibrationDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      if (fsync(fd) != 0 || dir < 0 || fsync(dir) != 0) unhealthy("plain sync failed");
+      if (dir >= 0) close(dir);
+    }
+    if (fd >= 0) close(fd);
+  };
   long perRound = std::max(1L, o_.store / o_.rounds);
   for (int r = 0; r < o_.rounds; ++r) {
     int64_t t0 = nowNs();
-    for (long i = 0; i < perRound; ++i) {
-      unlink(plainPath.c_str());
-      int fd = ::open(plainPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-      if (fd < 0 || ::write(fd, calibration.data, calibration.length) != static_cast<ssize_t>(calibration.length)) {
-        unhealthy("plain write failed");
-      }
-      if (fd >= 0) close(fd);
-    }
+    for (long i = 0; i < perRound; ++i) plainWrite(false);
     int64_t t1 = nowNs();
-    for (long i = 0; i < perRound; ++i) UpdateCalibrationData(0, calibration);
+    for (long i = 0; i < perRound; ++i) plainWrite(true);
     int64_t t2 = nowNs();
+    for (long i = 0; i < perRound; ++i) UpdateCalibrationData(0, calibration);
+    int64_t t3 = nowNs();
     m.plainNs += t1 - t0;
-    m.storeNs += t2 - t1;
+    m.syncedNs += t2 - t1;
+    m.storeNs += t3 - t2;
   }
   m.storeOps = perRound * o_.rounds;
   struct stat stored;

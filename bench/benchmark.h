@@ -28,7 +28,7 @@ struct Measurements {
   int64_t tapCpuNs = 0;
   std::string tapSkipped;
   Run blocks[2];                         // raw sink, dravik
-  int64_t plainNs = 0, storeNs = 0;
+  int64_t plainNs = 0, syncedNs = 0, storeNs = 0;  // plain writes without and with syncs; the store
   long storeOps = 0;
   Idle connected, alone;
   long daemonRequests = 0, daemonBlocks = 0, daemonLines = 0, echoLines = 0;

@@ -239,11 +239,18 @@ void BM_LogLineCompose(benchmark::State& state) {
 }
 BENCHMARK(BM_LogLineCompose);
 
-// The store's file work for one calibration block (the log lines aside)
-// against the same bytes written with plain system calls, in the scratch
-// directory (tmpfs when TMPDIR or /tmp is one).
+// The store's file work for one calibration block (the log lines aside),
+// with its syncs of the file and the directory, against the same bytes
+// written with plain system calls, without (0) and with (1) those syncs.
+// Arg 0 of each: tmpfs (/dev/shm), as the benchmark's sandbox; arg 1: a
+// disk-backed directory (/var/tmp), where a sync waits for the device.
+const TempDir& storeScratch(int64_t onDisk) {
+  static TempDir tmpfs("/dev/shm"), disk("/var/tmp");
+  return onDisk != 0 ? disk : tmpfs;
+}
+
 void BM_StoreCalibrationFile(benchmark::State& state) {
-  std::string path = scratch().file("store.bin");
+  std::string path = storeScratch(state.range(0)).file("store.bin");
   std::string block = calibrationBlock();
   byteArray calibration;
   calibration.assign(block.data(), kCalibrationBlockSize);
@@ -255,11 +262,13 @@ void BM_StoreCalibrationFile(benchmark::State& state) {
     }
   }
 }
-BENCHMARK(BM_StoreCalibrationFile);
+BENCHMARK(BM_StoreCalibrationFile)->ArgName("disk")->Arg(0)->Arg(1);
 
 void BM_PlainCalibrationFile(benchmark::State& state) {
-  std::string path = scratch().file("plain.bin");
+  const TempDir& dir = storeScratch(state.range(0));
+  std::string path = dir.file("plain.bin");
   std::string block = calibrationBlock();
+  const bool synced = state.range(1) != 0;
   for (auto _ : state) {
     unlink(path.c_str());
     int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -267,10 +276,15 @@ void BM_PlainCalibrationFile(benchmark::State& state) {
       state.SkipWithError("write failed");
       break;
     }
+    if (synced) {
+      int d = ::open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      if (::fsync(fd) != 0 || d < 0 || ::fsync(d) != 0) state.SkipWithError("sync failed");
+      if (d >= 0) ::close(d);
+    }
     ::close(fd);
   }
 }
-BENCHMARK(BM_PlainCalibrationFile);
+BENCHMARK(BM_PlainCalibrationFile)->ArgNames({"disk", "synced"})->ArgsProduct({{0, 1}, {0, 1}});
 
 }  // namespace
 

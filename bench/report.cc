@@ -203,6 +203,11 @@ std::string report(const Options& o, Measurements& m) {
   double plain = perSecond(m.plainNs), store = perSecond(m.storeNs);
   table.push_back(compared("store on tmpfs, 65,488-byte blocks/s (raw: plain unlink+open+write+close)", plain, -1,
                            store, -1, atLeast(0.7, "plain", store, plain)));
+  auto perBlockUs = [&](int64_t ns) { return m.storeOps > 0 ? static_cast<double>(ns) / 1000.0 / m.storeOps : 0; };
+  table.push_back(alone("store on tmpfs: µs per block, plain / plain with fsync of file and directory / dravik",
+                        fixed(perBlockUs(m.plainNs), 1) + " / " + fixed(perBlockUs(m.syncedNs), 1) + " / " +
+                            fixed(perBlockUs(m.storeNs), 1),
+                        "information"));
   for (const auto& [label, idle] : {std::make_pair("writer connected", m.connected), std::make_pair("no writer", m.alone)}) {
     table.push_back(alone("idle " + std::to_string(o.idleSeconds) + " s, " + label + ": CPU ms / context switches per s",
                           fixed(idle.cpuMs, 1) + " / " + fixed(idle.switchesPerSecond, 2),

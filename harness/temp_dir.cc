@@ -11,9 +11,10 @@ namespace {
 int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
 }  // namespace
 
-TempDir::TempDir() {
-  const char* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/dravik.XXXXXX";
+TempDir::TempDir(const std::string& parent) {
+  const char* tmpdir = std::getenv("TMPDIR");
+  std::string base = !parent.empty() ? parent : tmpdir != nullptr && *tmpdir != '\0' ? tmpdir : "/tmp";
+  std::string pattern = base + "/dravik.XXXXXX";
   std::vector<char> name(pattern.begin(), pattern.end());
   name.push_back('\0');
   if (mkdtemp(name.data()) != nullptr) path_ = name.data();

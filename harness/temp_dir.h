@@ -6,8 +6,9 @@
 
 class TempDir {
  public:
-  // Made with mkdtemp under $TMPDIR (or /tmp); path() is empty on failure.
-  TempDir();
+  // Made with mkdtemp under `parent`, or else $TMPDIR (or /tmp); path() is
+  // empty on failure.
+  explicit TempDir(const std::string& parent = "");
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
