@@ -45,14 +45,15 @@ void DaemonFixture::TearDown() {
   syslog_.close();
 }
 
-void DaemonFixture::start(const std::vector<std::string>& args, const ChildOptions& options) {
+void DaemonFixture::start(const std::vector<std::string>& args, const ChildOptions& options,
+                          const std::string& mailbox) {
   // A mailbox left open here would be the child's too until it execs, and
   // would pass for the daemon's own below.
   mailbox_.close();
   std::string why;
   daemon_ = std::make_unique<ChildProcess>();
   ASSERT_TRUE(daemon_->start(dravikBinary(), "dravik", args, options, &why)) << why;
-  ASSERT_TRUE(waitUntilOpen(daemon_->pid(), kMailbox, kGuard)) << "dravik does not wait on its mailbox";
+  ASSERT_TRUE(waitUntilOpen(daemon_->pid(), mailbox, kGuard)) << "dravik does not wait on its mailbox";
 }
 
 void DaemonFixture::connect() {

@@ -35,8 +35,10 @@ class DaemonFixture : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts dravik with `args` (a new one after each stop).
-  void start(const std::vector<std::string>& args, const ChildOptions& options = {});
+  // Starts dravik with `args` (a new one after each stop) and waits until it
+  // holds its mailbox open: `mailbox`, the pipe that the path leads to.
+  void start(const std::vector<std::string>& args, const ChildOptions& options = {},
+             const std::string& mailbox = kMailbox);
   // Opens the notification pipe and the mailbox like the camera's peers,
   // and waits until the dispatcher runs.
   void connect();

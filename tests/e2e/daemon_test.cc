@@ -161,6 +161,23 @@ TEST_F(DaemonTest, FirstWriterEndsTheWaitEvenIfItSendsNothing) {
   EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
 }
 
+// Pipes left from an earlier run are used as they are, links to pipes too:
+// a silent first writer through the link ends the wait as well.
+TEST_F(DaemonTest, PipesReachedThroughLinksAreUsed) {
+  makeFifo("/tmp/real.mailbox");
+  makeFifo("/tmp/real.comm");
+  ASSERT_EQ(symlink("/tmp/real.mailbox", kMailbox), 0);
+  ASSERT_EQ(symlink("/tmp/real.comm", kComm), 0);
+  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}, {}, "/tmp/real.mailbox"));
+  ASSERT_NO_FATAL_FAILURE(connect());
+  EXPECT_EQ(log(), startLines("1000"));
+  Reply reply = exchange(frame(Header{13001, 2, 13, 1}, be32(3)));
+  ASSERT_EQ(reply.frames.size(), 1u);
+  EXPECT_EQ(matchFrame(reply.frames[0], framePattern(13001, 2, 0, be32(3))), "");
+  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
+  EXPECT_EQ(daemon_->err(), "");
+}
+
 TEST_F(DaemonTest, WritersComeAndGoWithOneEmptyLineEach) {
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
   ASSERT_NO_FATAL_FAILURE(connect());
