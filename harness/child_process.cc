@@ -276,6 +276,22 @@ std::optional<std::chrono::steady_clock::time_point> ChildProcess::execTime() co
   return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(at));
 }
 
+namespace {
+
+// True for an O_PATH descriptor, which names a file without opening it (a
+// program that checks what a path is before it opens it holds one).
+bool pathOnly(pid_t pid, const char* fd) {
+  std::ifstream info("/proc/" + std::to_string(pid) + "/fdinfo/" + fd);
+  std::string key;
+  unsigned long flags = 0;
+  while (info >> key) {
+    if (key == "flags:" && info >> std::oct >> flags) return (flags & O_PATH) != 0;
+  }
+  return false;
+}
+
+}  // namespace
+
 bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
   std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
@@ -286,7 +302,9 @@ bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds
         char target[4096];
         std::string link = fdDir + "/" + entry->d_name;
         ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-        if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path) found = true;
+        if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path && !pathOnly(pid, entry->d_name)) {
+          found = true;
+        }
       }
       closedir(dir);
       if (found) return true;

@@ -106,7 +106,8 @@ class ChildProcess {
 // "exited with status 1", "killed by signal 9", for messages.
 std::string describeWaitStatus(int status);
 
-// True once process `pid` holds `path` open (as seen in /proc/PID/fd),
+// True once process `pid` holds `path` open (as seen in /proc/PID/fd; a
+// descriptor that only names it, O_PATH, does not count),
 // false if it has not within `timeout`.
 bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout);
 

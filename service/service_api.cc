@@ -40,6 +40,10 @@ WakeUp& exitWake() {
   return *wake;
 }
 
+// True on the dispatcher thread: it never reads dispatcherThread, which the
+// main thread writes, until the main thread has parked.
+thread_local bool onDispatcherThread = false;
+
 // Held by the dispatcher while a message runs, and by StopApi while it logs
 // "API: Signaling thread exit" and raises the flag: no message starts after
 // that line.
@@ -131,6 +135,7 @@ void CreateDispatcherThread() {
 }
 
 void RunDispatcher() {
+  onDispatcherThread = true;
   LogLine(LOG_INFO) << "API: starting dispatcher";
   bool emptyReported = false;
   while (!dispatcherExit.load()) {
@@ -150,7 +155,10 @@ void RunDispatcher() {
 }
 
 void StopApi() {
-  const bool onDispatcher = dispatcherThread.joinable() && dispatcherThread.get_id() == std::this_thread::get_id();
+  const bool onDispatcher = onDispatcherThread;
+  // The main thread may still be recording this thread, or sending: it
+  // parks first.
+  if (onDispatcher) stopsignals::awaitMainParked();
   if (dispatcherThread.joinable()) {
     {
       // The dispatcher holds the gate while a message runs (a blocked send
@@ -169,8 +177,6 @@ void StopApi() {
     }
     LogLine(LOG_INFO) << "API: Thread has exited";
   }
-  // The main thread may be in the middle of a send until it has parked.
-  if (onDispatcher) stopsignals::awaitMainParked();
   commandFifo.close();
   notificationFifo.close();
 }

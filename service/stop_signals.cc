@@ -24,6 +24,9 @@ WakeUp* parked = nullptr;
 Handler handler = nullptr;
 pid_t mainThread = 0;
 std::atomic<pid_t> owner{0};
+// Set before `parked` is triggered: what the main thread did before it
+// parked happens before what the dispatcher does after seeing it.
+std::atomic<bool> mainParked{false};
 
 pid_t thisThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
@@ -101,6 +104,7 @@ bool claim() {
 }
 
 void park() {
+  mainParked.store(true, std::memory_order_release);
   parked->trigger();
   for (;;) pause();  // no signal is caught: this never returns
 }
@@ -110,6 +114,7 @@ void awaitMainParked() {
   struct pollfd p = {parked->fd(), POLLIN, 0};
   while (poll(&p, 1, 1000) < 0 && errno == EINTR) {
   }
+  (void)mainParked.load(std::memory_order_acquire);
 }
 
 }  // namespace stopsignals

@@ -46,7 +46,7 @@ bool claim();
 // The main thread gives way to the dispatcher's stop: it waits for ever,
 // touching nothing that the exit destroys. REQUIRES: the main thread.
 [[noreturn]] void park();
-// The dispatcher's stop, before it closes what the main thread may still be
+// The dispatcher's stop, before it touches what the main thread may still be
 // using: waits until the main thread is parked (at most a second).
 void awaitMainParked();
 
