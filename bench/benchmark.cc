@@ -196,7 +196,7 @@ void Benchmark::measureCalibration(Measurements& m) {
 void Benchmark::measureStore(Measurements& m) {
   phase("store", 600);
   byteArray calibration;
-  calibration.assign(block_.data() + kFrameLengthSize + kHeaderSize + 4, kCalibrationBlockSize);
+  calibration.assign(block_.data() + kFrameLengthSize + kHeaderSize + 4, kLargestCalibrationBlock);
   const std::string plainPath = std::string(kCalibrationDirectory) + "plain.bin";
   long perRound = std::max(1L, o_.store / o_.rounds);
   for (int r = 0; r < o_.rounds; ++r) {
@@ -217,7 +217,8 @@ void Benchmark::measureStore(Measurements& m) {
   }
   m.storeOps = perRound * o_.rounds;
   struct stat stored;
-  if (stat(CalibrationFilePath(0).c_str(), &stored) != 0 || stored.st_size != static_cast<off_t>(kCalibrationBlockSize)) {
+  if (stat(CalibrationFilePath(0).c_str(), &stored) != 0 ||
+      stored.st_size != static_cast<off_t>(kLargestCalibrationBlock)) {
     unhealthy("UpdateCalibrationData did not leave a file of the block's size");
   }
 }

@@ -13,11 +13,10 @@
 #include "bench/options.h"
 #include "bench/proc_stats.h"
 #include "harness/sandbox.h"
+#include "store/service_paths.h"
 
 namespace {
 
-constexpr const char* kMailbox = "/tmp/dravik.mailbox";
-constexpr const char* kNotificationPipe = "/tmp/comm.mailbox";
 constexpr auto kStopTimeout = std::chrono::seconds(60);
 constexpr auto kTapTimeout = std::chrono::seconds(20);
 constexpr const char* kTapping = "dravikctl: tapping";
@@ -65,8 +64,8 @@ bool Servers::open(const Options& options) {
   std::string why;
   if (!sandbox::enter(&why)) return fail("no private sandbox: " + why);
   if (!log_.open("/dev/log", &why)) return fail("no syslog reader at /dev/log: " + why);
-  mkfifo(kMailbox, 0666);
-  mkfifo(kNotificationPipe, 0666);
+  mkfifo(kCommandFifoPath, 0666);
+  mkfifo(kNotificationFifoPath, 0666);
   return true;
 }
 
@@ -112,12 +111,12 @@ double Servers::start(Server& server, int exe, const std::string& name, const st
 double Servers::startDaemon(Server& daemon, const std::vector<std::string>& wrapper, int timeoutSeconds) {
   daemon.name = "dravik";
   std::string why;
-  if (!daemon.answers.open(kNotificationPipe, &why)) return noStart(why);
-  return start(daemon, daemonExe_, "dravik", {"-s", "100000"}, wrapper, kMailbox, timeoutSeconds);
+  if (!daemon.answers.open(kNotificationFifoPath, &why)) return noStart(why);
+  return start(daemon, daemonExe_, "dravik", {"-s", "100000"}, wrapper, kCommandFifoPath, timeoutSeconds);
 }
 
 bool Servers::connectDaemon(Server& daemon, int timeoutSeconds) {
-  if (!connectWriter(daemon.requests, kMailbox)) return false;
+  if (!connectWriter(daemon.requests, kCommandFifoPath)) return false;
   auto started = [](const std::vector<SyslogLine>& lines) {
     for (const SyslogLine& line : lines) {
       if (line.second == "API: starting dispatcher") return true;

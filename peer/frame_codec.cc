@@ -112,7 +112,7 @@ DecodedFrame decodeFrame(const std::string& frame, Flow flow) {
   bistream in(payload);
   uint32_t length = 0;
   in >> length;
-  if (length == 0 || length > kMaxPayloadLength) {
+  if (!isAcceptedPayloadLength(length)) {
     result.error = "invalid frame length " + std::to_string(length);
     return result;
   }

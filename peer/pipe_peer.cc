@@ -182,7 +182,7 @@ bool FrameAssembler::next(std::string* frame) {
   bistream(prefixStream_) >> length;
   // A refused length gives no way to find the next frame: as the service's
   // own reader does, take the following bytes as the next length.
-  std::size_t size = (length == 0 || length > kMaxPayloadLength) ? kFrameLengthSize : kFrameLengthSize + length;
+  std::size_t size = isAcceptedPayloadLength(length) ? kFrameLengthSize + length : kFrameLengthSize;
   if (buffer_.size() - start_ < size) return false;
   frame->assign(buffer_, start_, size);
   start_ += size;

@@ -7,9 +7,7 @@
 #include <thread>
 
 #include "messaging/binary_fifo.h"
-
-constexpr const char* kCommandFifoPath = "/tmp/dravik.mailbox";
-constexpr const char* kNotificationFifoPath = "/tmp/comm.mailbox";
+#include "store/service_paths.h"
 
 extern BinaryInputFifo commandFifo;
 extern BinaryOutputFifo notificationFifo;

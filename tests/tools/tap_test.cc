@@ -26,6 +26,7 @@
 #include "peer/frame_codec.h"
 #include "peer/pipe_peer.h"
 #include "harness/syslog_reader.h"
+#include "store/service_paths.h"
 
 namespace {
 
@@ -49,10 +50,10 @@ class TapTest : public ::testing::Test {
     std::string why;
     ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
     ASSERT_TRUE(daemon_.start(gDaemon, "dravik", {"-s", "3600"}, {}, &why)) << why;
-    ASSERT_TRUE(waitUntilOpen(daemon_.pid(), "/tmp/dravik.mailbox", 5s));
-    ASSERT_TRUE(consumer_.start(gCat, "cat", {"/tmp/comm.mailbox"}, {}, &why)) << why;
-    ASSERT_TRUE(waitUntilOpen(consumer_.pid(), "/tmp/comm.mailbox", 5s));
-    ASSERT_TRUE(client_.open("/tmp/dravik.mailbox", &why)) << why;
+    ASSERT_TRUE(waitUntilOpen(daemon_.pid(), kCommandFifoPath, 5s));
+    ASSERT_TRUE(consumer_.start(gCat, "cat", {kNotificationFifoPath}, {}, &why)) << why;
+    ASSERT_TRUE(waitUntilOpen(consumer_.pid(), kNotificationFifoPath, 5s));
+    ASSERT_TRUE(client_.open(kCommandFifoPath, &why)) << why;
   }
 
   void run(ChildProcess& ctl, std::vector<std::string> args, bool tap = true) {

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "messaging/binary_fifo.h"
+#include "store/service_paths.h"
 #include "store/store_layout.h"
 #include "tools/dravikctl/frame_printer.h"
 #include "harness/child_process.h"
@@ -43,8 +44,6 @@ namespace {
 
 using std::chrono::seconds;
 
-constexpr const char* kMailbox = "/tmp/dravik.mailbox";
-constexpr const char* kNotifications = "/tmp/comm.mailbox";
 // On the store's file system, so that the daemon can rename a filter into it.
 constexpr const char* kIncoming = "/etc/sysconfig/dravik/incoming/";
 constexpr int kSpeedUp = 200;
@@ -134,12 +133,12 @@ void stopSimulator() {
 // the notification pipe has one reader at a time, so the simulator pauses.
 void getFilter(int32_t channel) {
   peer::CatalogueMessage request("GetAnalyticsFilterDataRequest", {channel});
-  request.sender = 100;
+  request.sender = peer::kToolEndpoint;
   std::string frame = encodeFrame(request);
   peer::FrameReader reader;
   peer::MailboxWriter writer;
   std::string error;
-  if (!reader.open(kNotifications, &error) || !writer.open(kMailbox, &error) ||
+  if (!reader.open(kNotificationFifoPath, &error) || !writer.open(kCommandFifoPath, &error) ||
       !writer.write(frame, peer::Deadline::after(5), &error)) {
     return say("(no request: " + error + ")");
   }

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "messaging/binary_fifo.h"
+#include "messaging/frame_format.h"
 #include "tools/dravikctl/dissector.h"
 #include "tools/dravikctl/frame_printer.h"
 #include "tools/dravikctl/output_queue.h"

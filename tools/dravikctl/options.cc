@@ -9,6 +9,7 @@
 #include <set>
 #include <vector>
 
+#include "messaging/frame_format.h"
 #include "store/catalogue.h"
 
 namespace dravikctl {

@@ -9,18 +9,11 @@
 #include <cstdint>
 #include <string>
 
+#include "peer/frame_codec.h"
+#include "store/service_paths.h"
 #include "tools/dravikctl/frame_filter.h"
 
 namespace dravikctl {
-
-constexpr const char* kDefaultMailbox = "/tmp/dravik.mailbox";
-constexpr const char* kDefaultNotifications = "/tmp/comm.mailbox";
-// The endpoint number that the tool signs with when it plays no endpoint of
-// the camera.
-constexpr int32_t kToolEndpoint = 100;
-// The largest calibration block that fits a frame: 65536 payload bytes less
-// the 44-byte header and the block's 4-byte length.
-constexpr uint32_t kLargestCalibrationBlock = 65488;
 
 struct Options {
   bool help = false;
@@ -33,9 +26,9 @@ struct Options {
   int32_t requestId = 0;
   std::string file;
 
-  std::string mailbox = kDefaultMailbox;
-  std::string notifications = kDefaultNotifications;
-  int32_t sender = kToolEndpoint;  // the command's own default unless given
+  std::string mailbox = kCommandFifoPath;
+  std::string notifications = kNotificationFifoPath;
+  int32_t sender = peer::kToolEndpoint;  // the command's own default unless given
   int32_t responseSelector = 0;    // likewise
   double timeout = 5;              // seconds
 

@@ -10,7 +10,7 @@
 // not the daemon's killer: without PTRACE_O_EXITKILL, the kernel detaches a
 // tap that dies and the daemon runs on.
 //
-//   Tap tap(kDefaultMailbox, kDefaultNotifications);
+//   Tap tap(kCommandFifoPath, kNotificationFifoPath);
 //   if (!tap.attach(pid, &error)) ...
 //   tap.run({stop.fd()}, Deadline::never(), [](const TapEvent& e) { ...; return true; }, &error);
 //
