@@ -27,8 +27,8 @@ bool fail(const std::string& what) {
 }
 
 bool connectWriter(peer::MailboxWriter& writer, const std::string& path) {
-  std::string error;
-  return writer.open(path, &error) || fail(error);
+  std::string why;
+  return writer.open(path, &why) || fail(why);
 }
 
 double noStart(const std::string& what) {
@@ -148,44 +148,44 @@ bool Servers::stopEcho(Server& echo) {
   return exitedWith(echo.process->wait(kStopTimeout), 0);
 }
 
-std::unique_ptr<ChildProcess> Servers::startTap(const Server& daemon, std::string* why) {
+std::unique_ptr<ChildProcess> Servers::startTap(const Server& daemon, std::string* whyNot) {
   if (dravikctlExe_ < 0) {
-    *why = "no dravikctl at " + dravikctlPath_ + " (--dravikctl PATH)";
+    *whyNot = "no dravikctl at " + dravikctlPath_ + " (--dravikctl PATH)";
     return nullptr;
   }
   auto tap = std::make_unique<ChildProcess>();
   ChildOptions options;
   options.discardOut = true;
-  std::string error;
-  if (!tap->start(dravikctlExe_, "dravikctl", {"monitor", "--pid", std::to_string(daemon.pid())}, options, &error)) {
-    *why = "cannot start dravikctl: " + error;
+  std::string why;
+  if (!tap->start(dravikctlExe_, "dravikctl", {"monitor", "--pid", std::to_string(daemon.pid())}, options, &why)) {
+    *whyNot = "cannot start dravikctl: " + why;
     return nullptr;
   }
   auto deadline = std::chrono::steady_clock::now() + kTapTimeout;
   while (!tap->waitForErr(kTapping, std::chrono::milliseconds(100))) {
     if (tap->poll()) {
       tap->wait(kStopTimeout);  // has ended: collects the last of what it said
-      *why = said(*tap).empty() ? "dravikctl monitor " + describeWaitStatus(*tap->status()) : said(*tap);
+      *whyNot = said(*tap).empty() ? "dravikctl monitor " + describeWaitStatus(*tap->status()) : said(*tap);
       return nullptr;
     }
     if (std::chrono::steady_clock::now() > deadline) {
-      *why = "dravikctl monitor did not attach within 20 s";
+      *whyNot = "dravikctl monitor did not attach within 20 s";
       return nullptr;  // killed: the kernel lets go of whatever it traced
     }
   }
   return tap;
 }
 
-bool Servers::stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* why) {
+bool Servers::stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* whyNot) {
   tap->signal(SIGINT);
   std::optional<int> status = tap->wait(kStopTimeout);
   if (!exitedWith(status, 0)) {
-    *why = "dravikctl monitor did not end with status 0 on SIGINT (" +
+    *whyNot = "dravikctl monitor did not end with status 0 on SIGINT (" +
            (status ? describeWaitStatus(*status) : std::string("killed after 60 s")) + "): " + said(*tap);
     return false;
   }
   if (procstats::traced(daemon.pid())) {
-    *why = "a thread of the daemon is still traced after dravikctl monitor ended";
+    *whyNot = "a thread of the daemon is still traced after dravikctl monitor ended";
     return false;
   }
   return true;

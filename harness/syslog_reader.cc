@@ -124,11 +124,6 @@ void SyslogReader::drain() {
   }
 }
 
-std::vector<SyslogRecord> SyslogReader::records() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return std::vector<SyslogRecord>(records_.begin(), records_.end());
-}
-
 std::vector<SyslogLine> SyslogReader::lines(pid_t pid) const {
   std::vector<SyslogLine> result;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -143,11 +138,6 @@ std::size_t SyslogReader::count(pid_t pid) const {
   std::size_t n = 0;
   for (const SyslogRecord& record : records_) n += record.pid == pid;
   return n;
-}
-
-void SyslogReader::clear() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  records_.clear();
 }
 
 bool SyslogReader::waitFor(pid_t pid, const std::function<bool(const std::vector<SyslogLine>&)>& done,

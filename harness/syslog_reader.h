@@ -36,11 +36,9 @@ class SyslogReader {
   // Takes what is queued, stops draining, closes and removes the socket.
   void close();
 
-  std::vector<SyslogRecord> records() const;
   // The lines that `pid` has sent so far.
   std::vector<SyslogLine> lines(pid_t pid) const;
   std::size_t count(pid_t pid) const;
-  void clear();
   // Returns once every datagram queued before the call has been collected
   // (a marker sent now comes back through the queue).
   bool flush(std::chrono::milliseconds timeout);

@@ -19,7 +19,7 @@ using catalogue::Flow;
 // Reads one argument. Numbers go through the library's decoders; the
 // length of a string or block is checked here, so that a length no reader
 // accepts is a decoding error of the frame rather than a console line.
-bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Value* value, std::string* error) {
+bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Value* value, std::string* whyNot) {
   uint32_t length = 0;
   uint32_t limit = 0;
   switch (arg.type) {
@@ -48,7 +48,7 @@ bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Val
       break;
   }
   if (length > limit) {
-    *error = std::string(arg.type == ArgType::string ? "string " : "byteArray ") + arg.name + " of " +
+    *whyNot = std::string(arg.type == ArgType::string ? "string " : "byteArray ") + arg.name + " of " +
              std::to_string(length) + " bytes is refused by readers";
     return false;
   }
@@ -158,9 +158,9 @@ DecodedFrame decodeFrame(const std::string& frame, Flow flow) {
   bool optional = flow == Flow::in && h.selector == kSetCalibrationDataSelector && argumentBytes == 0;
   for (std::size_t i = 0; i < entry->args.size() && !optional; ++i) {
     Value value(0);
-    std::string error;
-    if (!readArg(in, payload, entry->args[i], &value, &error)) {
-      result.error = std::string(entry->name) + ": " + error;
+    std::string whyNot;
+    if (!readArg(in, payload, entry->args[i], &value, &whyNot)) {
+      result.error = std::string(entry->name) + ": " + whyNot;
       result.args.clear();
       return result;
     }

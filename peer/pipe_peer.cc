@@ -18,14 +18,14 @@
 namespace peer {
 namespace {
 
-std::string openFailure(const std::string& path, int error) {
-  switch (error) {
+std::string openFailure(const std::string& path, int errorNumber) {
+  switch (errorNumber) {
     case ENOENT:
       return "no pipe at " + path + " (is the service running?)";
     case ENXIO:
       return "no daemon is reading " + path;
     default:
-      return "cannot open " + path + ": " + std::strerror(error);
+      return "cannot open " + path + ": " + std::strerror(errorNumber);
   }
 }
 
@@ -70,32 +70,32 @@ int Deadline::pollTimeout() const {
 
 MailboxWriter::~MailboxWriter() { close(); }
 
-bool MailboxWriter::open(const std::string& path, std::string* error) {
+bool MailboxWriter::open(const std::string& path, std::string* whyNot) {
   close();
   path_ = path;
   // O_NONBLOCK: a FIFO without a reader fails at once with ENXIO instead
   // of waiting for one.
   int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    *error = openFailure(path, errno);
+    *whyNot = openFailure(path, errno);
     return false;
   }
   if (!isFifo(fd)) {
     ::close(fd);
-    *error = path + " is not a named pipe";
+    *whyNot = path + " is not a named pipe";
     return false;
   }
   fd_ = fd;
   return true;
 }
 
-bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, std::string* error) {
-  return write(frame.data(), frame.size(), deadline, error);
+bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, std::string* whyNot) {
+  return write(frame.data(), frame.size(), deadline, whyNot);
 }
 
-bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& deadline, std::string* error) {
+bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& deadline, std::string* whyNot) {
   if (fd_ < 0) {
-    *error = "no daemon is reading " + path_;
+    *whyNot = "no daemon is reading " + path_;
     return false;
   }
   std::size_t done = 0;
@@ -108,23 +108,23 @@ bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& de
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && errno == EPIPE) {
       close();
-      *error = "the service stopped reading " + path_;
+      *whyNot = "the service stopped reading " + path_;
       return false;
     }
     if (n < 0 && errno != EAGAIN) {
-      *error = "cannot write to " + path_ + ": " + std::strerror(errno);
+      *whyNot = "cannot write to " + path_ + ": " + std::strerror(errno);
       return false;
     }
     struct pollfd p = {fd_, POLLOUT, 0};
     int ready = poll(&p, 1, deadline.pollTimeout());
     if (ready < 0 && errno == EINTR) continue;
     if (ready == 0) {
-      *error = "the service is not taking messages from " + path_ + " (pipe full";
-      *error += done != 0 ? ", frame cut short)" : ")";
+      *whyNot = "the service is not taking messages from " + path_ + " (pipe full";
+      *whyNot += done != 0 ? ", frame cut short)" : ")";
       return false;
     }
     if (ready < 0) {
-      *error = "cannot wait for " + path_ + ": " + std::strerror(errno);
+      *whyNot = "cannot wait for " + path_ + ": " + std::strerror(errno);
       return false;
     }
   }
@@ -140,16 +140,16 @@ FrameReader::~FrameReader() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-bool FrameReader::open(const std::string& path, std::string* error) {
+bool FrameReader::open(const std::string& path, std::string* whyNot) {
   path_ = path;
   int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
-    *error = openFailure(path, errno);
+    *whyNot = openFailure(path, errno);
     return false;
   }
   if (!isFifo(fd)) {
     ::close(fd);
-    *error = path + " is not a named pipe";
+    *whyNot = path + " is not a named pipe";
     return false;
   }
   if (fd_ >= 0) ::close(fd_);
@@ -160,10 +160,10 @@ bool FrameReader::open(const std::string& path, std::string* error) {
 // A FIFO whose writers have all gone reports a hangup for ever; a fresh
 // descriptor waits for the next writer instead. It is opened before the old
 // one closes, so that the pipe keeps a reader and loses nothing.
-bool FrameReader::reopen(std::string* error) {
+bool FrameReader::reopen(std::string* whyNot) {
   int old = fd_;
   fd_ = -1;
-  bool ok = open(path_, error);
+  bool ok = open(path_, whyNot);
   if (old >= 0) ::close(old);
   return ok;
 }
@@ -196,7 +196,7 @@ std::string FrameAssembler::takeRest() {
   return rest;
 }
 
-FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* error) {
+FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* whyNot) {
   if (goneToReport_) {
     goneToReport_ = false;
     return Event::writersGone;
@@ -204,14 +204,14 @@ FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadlin
   for (;;) {
     if (frames_.next(frame)) return Event::frame;
     if (fd_ < 0) {
-      *error = "no pipe open";
+      *whyNot = "no pipe open";
       return Event::failed;
     }
     struct pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};
     int ready = poll(fds, wakeFd >= 0 ? 2 : 1, deadline.pollTimeout());
     if (ready < 0) {
       if (errno == EINTR) continue;
-      *error = std::string("cannot wait for ") + path_ + ": " + std::strerror(errno);
+      *whyNot = std::string("cannot wait for ") + path_ + ": " + std::strerror(errno);
       return Event::failed;
     }
     if (ready == 0) return Event::timeout;
@@ -224,10 +224,10 @@ FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadlin
       }
       if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
       if (n < 0) {
-        *error = std::string("cannot read ") + path_ + ": " + std::strerror(errno);
+        *whyNot = std::string("cannot read ") + path_ + ": " + std::strerror(errno);
         return Event::failed;
       }
-      if (!reopen(error)) return Event::failed;
+      if (!reopen(whyNot)) return Event::failed;
       if (!frames_.empty()) {
         // The writer went in the middle of a frame: show what came of it.
         *frame = frames_.takeRest();

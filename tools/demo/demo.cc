@@ -137,19 +137,19 @@ void getFilter(int32_t channel) {
   std::string frame = encodeFrame(request);
   peer::FrameReader reader;
   peer::MailboxWriter writer;
-  std::string error;
-  if (!reader.open(kNotificationFifoPath, &error) || !writer.open(kCommandFifoPath, &error) ||
-      !writer.write(frame, peer::Deadline::after(5), &error)) {
-    return say("(no request: " + error + ")");
+  std::string whyNot;
+  if (!reader.open(kNotificationFifoPath, &whyNot) || !writer.open(kCommandFifoPath, &whyNot) ||
+      !writer.write(frame, peer::Deadline::after(5), &whyNot)) {
+    return say("(no request: " + whyNot + ")");
   }
   line("send", dravikctl::frameText(peer::decodeFrame(frame, catalogue::Flow::in), false));
   peer::Deadline deadline = peer::Deadline::after(5);
-  while (reader.next(&frame, deadline, -1, &error) == peer::FrameReader::Event::frame) {
+  while (reader.next(&frame, deadline, -1, &whyNot) == peer::FrameReader::Event::frame) {
     peer::DecodedFrame answer = peer::decodeFrame(frame, catalogue::Flow::out);
     line("recv", dravikctl::frameText(answer, false));
     if (answer.header.correlationId == request.id) return;
   }
-  say("(no answer " + error + ")");
+  say("(no answer " + whyNot + ")");
 }
 
 // Waits for a log line of the daemon that contains `text`, after its first

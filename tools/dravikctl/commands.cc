@@ -140,10 +140,10 @@ class WatchedCommand {
       (void)!::write(done[1], &byte, 1);
     });
     std::vector<int> wake = {stop_.fd(), done[0]};
-    std::string error;
+    std::string whyNot;
     Tap::End end;
     for (;;) {
-      end = tap_.run(wake, deadline, [&](const TapEvent& e) { return take(e); }, &error);
+      end = tap_.run(wake, deadline, [&](const TapEvent& e) { return take(e); }, &whyNot);
       if (end != Tap::End::woken || wake.size() == 1 || !readable(done[0])) break;
       sender.join();
       if (!sent) break;
@@ -163,7 +163,7 @@ class WatchedCommand {
       case Tap::End::daemonGone:
         return fail("dravik ended before it had handled the message");
       case Tap::End::failed:
-        return fail(error);
+        return fail(whyNot);
       case Tap::End::timeout:
         if (!taken_) return fail("dravik did not take the message from " + o_.mailbox + " within " + seconds(o_.timeout));
         return fail("dravik had not handled the message within " + seconds(o_.timeout));
@@ -226,16 +226,16 @@ class WatchedCommand {
 // get-filter without the tap: the answer is taken from the notification pipe.
 int runUnwatchedGetFilter(const Options& o, MailboxWriter& writer, const BinaryMessage& request) {
   if (!mayReadNotifications(o, "get-filter")) return kExitFailure;
-  std::string error;
+  std::string whyNot;
   // Open before sending, so that the answer cannot slip past.
   FrameReader reader;
-  if (!reader.open(o.notifications, &error)) return fail(error);
-  if (!writer.write(encodeFrame(request), Deadline::after(o.timeout), &error)) return fail(error);
+  if (!reader.open(o.notifications, &whyNot)) return fail(whyNot);
+  if (!writer.write(encodeFrame(request), Deadline::after(o.timeout), &whyNot)) return fail(whyNot);
 
   Deadline deadline = Deadline::after(o.timeout);
   std::string frame;
   for (;;) {
-    switch (reader.next(&frame, deadline, -1, &error)) {
+    switch (reader.next(&frame, deadline, -1, &whyNot)) {
       case FrameReader::Event::frame: {
         DecodedFrame decoded = peer::decodeFrame(frame, Flow::out);
         if (answers(decoded, request)) return printPath(decoded);
@@ -249,16 +249,16 @@ int runUnwatchedGetFilter(const Options& o, MailboxWriter& writer, const BinaryM
         return fail("the service closed " + o.notifications + " before answering");
       case FrameReader::Event::woken:
       case FrameReader::Event::failed:
-        return fail(error);
+        return fail(whyNot);
     }
   }
 }
 
 int runOneShot(const Options& o, const BinaryMessage& message) {
-  std::string error;
+  std::string whyNot;
   // Opened first: no reader means no daemon, which is said at once.
   MailboxWriter writer;
-  if (!writer.open(o.mailbox, &error)) return fail(error);
+  if (!writer.open(o.mailbox, &whyNot)) return fail(whyNot);
   std::string whyNotWatched = "--direct";
   if (!o.noWait && !o.direct) {
     pid_t pid = daemonPid(o, &whyNotWatched);
@@ -267,7 +267,7 @@ int runOneShot(const Options& o, const BinaryMessage& message) {
     whyNotWatched = "cannot tap dravik: " + whyNotWatched;
   }
   if (o.command == "get-filter" && !o.noWait) return runUnwatchedGetFilter(o, writer, message);
-  if (!writer.write(encodeFrame(message), Deadline::after(o.timeout), &error)) return fail(error);
+  if (!writer.write(encodeFrame(message), Deadline::after(o.timeout), &whyNot)) return fail(whyNot);
   if (!o.noWait) fprintf(stderr, "dravikctl: sent; the outcome is not known (%s)\n", whyNotWatched.c_str());
   return kExitOk;
 }
@@ -291,7 +291,7 @@ bool printLine(const std::string& line) {
   return fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
 }
 
-pid_t daemonPid(const Options& o, std::string* error) { return o.pid != 0 ? o.pid : findDaemon(o.mailbox, error); }
+pid_t daemonPid(const Options& o, std::string* whyNot) { return o.pid != 0 ? o.pid : findDaemon(o.mailbox, whyNot); }
 
 bool mayReadNotifications(const Options& o, const std::string& what) {
   if (o.force) return true;

@@ -36,7 +36,7 @@ int usageError(const std::string& message);
 bool printLine(const std::string& line);
 
 // The process to tap: --pid, or the one called dravik. 0 with the reason.
-pid_t daemonPid(const Options& options, std::string* error);
+pid_t daemonPid(const Options& options, std::string* whyNot);
 // True when this process may read the notification pipe: nobody else reads
 // it, or --force. Otherwise reports who does and returns false.
 bool mayReadNotifications(const Options& options, const std::string& what);

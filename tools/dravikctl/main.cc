@@ -17,8 +17,8 @@ int main(int argc, char* argv[]) {
   dravikctl::blockChildSignals();
 
   dravikctl::Options options;
-  std::string error;
-  if (!dravikctl::parseCommandLine(argc, argv, &options, &error)) return dravikctl::usageError(error);
+  std::string whyNot;
+  if (!dravikctl::parseCommandLine(argc, argv, &options, &whyNot)) return dravikctl::usageError(whyNot);
   if (options.help) {
     fputs(dravikctl::usageText(), stdout);
     return dravikctl::kExitOk;

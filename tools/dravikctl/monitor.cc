@@ -36,15 +36,15 @@ Deadline endOf(const Options& o) { return o.duration > 0 ? Deadline::after(o.dur
 int runDirectMonitor(const Options& o) {
   if (!mayReadNotifications(o, "monitor --direct")) return kExitFailure;
   StopSignals stop;
-  std::string error;
+  std::string whyNot;
   FrameReader reader;
-  if (!reader.open(o.notifications, &error)) return fail(error);
+  if (!reader.open(o.notifications, &whyNot)) return fail(whyNot);
   ConversationPrinter printer(o);
   Deadline end = endOf(o);
   long frames = 0;
   std::string frame;
   for (;;) {
-    switch (reader.next(&frame, end, stop.fd(), &error)) {
+    switch (reader.next(&frame, end, stop.fd(), &whyNot)) {
       case FrameReader::Event::frame: {
         std::string line = printer.frame(frame, Flow::out, wallClock());
         if (line.empty()) break;
@@ -61,7 +61,7 @@ int runDirectMonitor(const Options& o) {
         stop.take();
         return kExitOk;
       case FrameReader::Event::failed:
-        return fail(error);
+        return fail(whyNot);
     }
   }
 }
@@ -71,12 +71,12 @@ int runDirectMonitor(const Options& o) {
 int runMonitor(const Options& o) {
   if (o.direct) return runDirectMonitor(o);
   StopSignals stop;
-  std::string error;
-  pid_t pid = daemonPid(o, &error);
-  if (pid == 0) return fail(error);
+  std::string whyNot;
+  pid_t pid = daemonPid(o, &whyNot);
+  if (pid == 0) return fail(whyNot);
   Tap tap(o.mailbox, o.notifications);
-  if (!tap.attach(pid, &error)) {
-    return fail("cannot tap dravik: " + error + " (--direct reads the notification pipe instead, while nothing else reads it)");
+  if (!tap.attach(pid, &whyNot)) {
+    return fail("cannot tap dravik: " + whyNot + " (--direct reads the notification pipe instead, while nothing else reads it)");
   }
   std::string threads;
   for (pid_t tid : tap.threads()) threads += " " + std::to_string(tid);
@@ -111,7 +111,7 @@ int runMonitor(const Options& o) {
   };
   std::vector<int> wake = {stop.fd(), lines.failedFd()};
   if (captureFile) wake.push_back(captureFile->failedFd());
-  Tap::End end = tap.run(wake, endOf(o), sink, &error);
+  Tap::End end = tap.run(wake, endOf(o), sink, &whyNot);
   tap.detach();
   int status = kExitOk;
   switch (end) {
@@ -126,7 +126,7 @@ int runMonitor(const Options& o) {
       status = fail("dravik (pid " + std::to_string(pid) + ") has ended");
       break;
     case Tap::End::failed:
-      status = fail(error);
+      status = fail(whyNot);
       break;
     case Tap::End::timeout:
     case Tap::End::done:
@@ -142,8 +142,8 @@ int runDecode(const Options& o) {
   std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   if (!in.is_open() || in.bad()) return fail("cannot read " + o.file);
   std::vector<pcapng::Packet> packets;
-  std::string error;
-  bool whole = pcapng::readCapture(bytes, &packets, &error);
+  std::string whyNot;
+  bool whole = pcapng::readCapture(bytes, &packets, &whyNot);
   ConversationPrinter printer(o);
   long frames = 0;
   for (const pcapng::Packet& packet : packets) {
@@ -155,7 +155,7 @@ int runDecode(const Options& o) {
     if (!printLine(line)) return kExitFailure;
     if (o.count > 0 && ++frames >= o.count) return kExitOk;
   }
-  return whole ? kExitOk : fail(o.file + ": " + error);
+  return whole ? kExitOk : fail(o.file + ": " + whyNot);
 }
 
 }  // namespace dravikctl

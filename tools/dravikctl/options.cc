@@ -118,10 +118,10 @@ std::string usageOf(const CommandRule& command) {
   return text;
 }
 
-bool setOption(const OptionRule& rule, const std::string& value, Options* o, std::string* error) {
+bool setOption(const OptionRule& rule, const std::string& value, Options* o, std::string* whyNot) {
   std::string name = rule.name;
   auto bad = [&](const char* what) {
-    *error = "invalid --" + name + " value '" + value + "' (" + what + ")";
+    *whyNot = "invalid --" + name + " value '" + value + "' (" + what + ")";
     return false;
   };
   int32_t n = 0;
@@ -194,7 +194,7 @@ std::string refusedOption(const std::string& arg, int shortOption) {
 
 }  // namespace
 
-bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* error) {
+bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* whyNot) {
   // A negative number ("save-filter 1 -5", "--sender -3") is an argument,
   // not an option: getopt_long gets a stand-in that does not begin with '-'
   // and the number comes back by the stand-in's address.
@@ -252,14 +252,14 @@ bool parseCommandLine(int argc, char* const argv[], Options* options, std::strin
     return true;
   }
   if (!firstError.empty()) {
-    *error = firstError;
+    *whyNot = firstError;
     return false;
   }
 
   std::vector<std::string> positional;
   for (int i = optind; i < argc; ++i) positional.push_back(text(args[static_cast<std::size_t>(i)]));
   if (positional.empty()) {
-    *error = "no command given";
+    *whyNot = "no command given";
     return false;
   }
   const CommandRule* command = nullptr;
@@ -267,17 +267,17 @@ bool parseCommandLine(int argc, char* const argv[], Options* options, std::strin
     if (positional[0] == c.name) command = &c;
   }
   if (command == nullptr) {
-    *error = "unknown command '" + positional[0] + "'";
+    *whyNot = "unknown command '" + positional[0] + "'";
     return false;
   }
   o.command = command->name;
   std::size_t count = positional.size() - 1;
   if (count != command->arguments.size()) {
     if (command->arguments.empty()) {
-      *error = std::string(command->name) + " takes no arguments";
+      *whyNot = std::string(command->name) + " takes no arguments";
     } else {
       std::string expected = usageOf(*command).substr(std::strlen(command->name) + 1);
-      *error = std::string(command->name) + " takes " + expected + ", got " + std::to_string(count) +
+      *whyNot = std::string(command->name) + " takes " + expected + ", got " + std::to_string(count) +
                (count == 1 ? " argument" : " arguments");
     }
     return false;
@@ -288,13 +288,13 @@ bool parseCommandLine(int argc, char* const argv[], Options* options, std::strin
     bool ok = true;
     if (name == "N") {
       ok = parseInt32(value, &o.channel);
-      if (!ok) *error = "invalid channel '" + value + "' (a number such as 0 to 3)";
+      if (!ok) *whyNot = "invalid channel '" + value + "' (a number such as 0 to 3)";
     } else if (name == "STATUS") {
       ok = parseInt32(value, &o.status);
-      if (!ok) *error = "invalid status '" + value + "' (a 32-bit number; 0 is success)";
+      if (!ok) *whyNot = "invalid status '" + value + "' (a 32-bit number; 0 is success)";
     } else if (name == "ID") {
       ok = parseInt32(value, &o.requestId);
-      if (!ok) *error = "invalid request id '" + value + "' (a 32-bit number)";
+      if (!ok) *whyNot = "invalid request id '" + value + "' (a 32-bit number)";
     } else if (name == "FILE") {
       o.file = value;
     }
@@ -303,20 +303,20 @@ bool parseCommandLine(int argc, char* const argv[], Options* options, std::strin
 
   for (const OptionRule& rule : optionRules()) {
     if (given.count(rule.name) != 0 && (rule.groups & command->group) == 0) {
-      *error = std::string("option '--") + rule.name + "' applies to " + rule.appliesTo + " only";
+      *whyNot = std::string("option '--") + rule.name + "' applies to " + rule.appliesTo + " only";
       return false;
     }
   }
   if (o.direct && o.pid != 0) {
-    *error = "--direct reads the notification pipe; --pid names a process to tap: choose one";
+    *whyNot = "--direct reads the notification pipe; --pid names a process to tap: choose one";
     return false;
   }
   if (o.noWait && (o.direct || o.pid != 0)) {
-    *error = "--no-wait only sends; --direct and --pid say how to wait";
+    *whyNot = "--no-wait only sends; --direct and --pid say how to wait";
     return false;
   }
   if (o.direct && (o.log || !o.pcap.empty())) {
-    *error = "--log and --pcap need the tap, which --direct turns off";
+    *whyNot = "--log and --pcap need the tap, which --direct turns off";
     return false;
   }
   if (given.count("sender") == 0) {

@@ -49,8 +49,8 @@ struct Options {
 };
 
 // Reads the command line into `options`. False with a one-line reason in
-// `error` on bad arguments. --help and --version win over everything else.
-bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* error);
+// `whyNot` on bad arguments. --help and --version win over everything else.
+bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* whyNot);
 
 // The text of --help.
 const char* usageText();

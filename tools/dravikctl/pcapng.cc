@@ -96,13 +96,13 @@ std::string packetBlock(const std::string& frame, catalogue::Flow direction, con
   return block(kEnhancedPacketBlock, body);
 }
 
-bool readCapture(const std::string& file, std::vector<Packet>* packets, std::string* error) {
+bool readCapture(const std::string& file, std::vector<Packet>* packets, std::string* whyNot) {
   Cursor in(file);
   std::vector<Interface> interfaces;
   bool sectionSeen = false;
   std::size_t at = 0;
   auto fail = [&](const std::string& what) {
-    *error = what + " (block at byte " + std::to_string(at) + ")";
+    *whyNot = what + " (block at byte " + std::to_string(at) + ")";
     return false;
   };
   while (at < file.size()) {
@@ -170,7 +170,7 @@ bool readCapture(const std::string& file, std::vector<Packet>* packets, std::str
     at += length;
   }
   if (!sectionSeen) {
-    *error = "empty file, not a pcapng capture";
+    *whyNot = "empty file, not a pcapng capture";
     return false;
   }
   return true;

@@ -38,10 +38,10 @@ struct Packet {
 };
 
 // The packets of a whole file, in either byte order, with any timestamp
-// resolution of base 10. False with the reason in `error` when the bytes
+// resolution of base 10. False with the reason in `whyNot` when the bytes
 // are no pcapng file, or its interface is not of link type 147; `packets`
 // then holds what came before the fault.
-bool readCapture(const std::string& file, std::vector<Packet>* packets, std::string* error);
+bool readCapture(const std::string& file, std::vector<Packet>* packets, std::string* whyNot);
 
 }  // namespace pcapng
 

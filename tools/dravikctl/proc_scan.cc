@@ -76,7 +76,7 @@ bool readsPipe(pid_t pid, const struct stat& pipe) {
 
 std::string descriptorTarget(pid_t pid, int fd) { return readLink(procPath(pid, "fd/" + std::to_string(fd))); }
 
-pid_t findDaemon(const std::string& mailbox, std::string* error) {
+pid_t findDaemon(const std::string& mailbox, std::string* whyNot) {
   std::vector<pid_t> found;
   forEachProcess([&](pid_t pid) {
     std::string exe = readLink(procPath(pid, "exe"));
@@ -90,7 +90,7 @@ pid_t findDaemon(const std::string& mailbox, std::string* error) {
     return text;
   };
   if (found.empty()) {
-    *error = "no dravik process is running (--pid N names one)";
+    *whyNot = "no dravik process is running (--pid N names one)";
     return 0;
   }
   if (found.size() == 1) return found[0];
@@ -103,10 +103,10 @@ pid_t findDaemon(const std::string& mailbox, std::string* error) {
   }
   if (readers.size() == 1) return readers[0];
   if (readers.empty()) {
-    *error = "several dravik processes are running (pids" + list(found) + "), none of them reading " + mailbox +
+    *whyNot = "several dravik processes are running (pids" + list(found) + "), none of them reading " + mailbox +
              ": choose one with --pid";
   } else {
-    *error = "several dravik processes read " + mailbox + " (pids" + list(readers) + "): choose one with --pid";
+    *whyNot = "several dravik processes read " + mailbox + " (pids" + list(readers) + "): choose one with --pid";
   }
   return 0;
 }

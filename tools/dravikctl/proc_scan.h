@@ -12,8 +12,8 @@ namespace dravikctl {
 
 // The one process called dravik (by its command name or its executable's);
 // of several, the one that reads `mailbox` (others may serve other mount
-// namespaces). 0, with the reason in `error`, when there is none or no one.
-pid_t findDaemon(const std::string& mailbox, std::string* error);
+// namespaces). 0, with the reason in `whyNot`, when there is none or no one.
+pid_t findDaemon(const std::string& mailbox, std::string* whyNot);
 
 // The target of /proc/PID/fd/FD (" (deleted)" removed); empty if unreadable.
 std::string descriptorTarget(pid_t pid, int fd);

@@ -39,8 +39,8 @@ class Simulator {
 
   int run() {
     if (!mayReadNotifications(o_, "simulate")) return kExitFailure;
-    std::string error;
-    if (!reader_.open(o_.notifications, &error)) return fail(error);
+    std::string whyNot;
+    if (!reader_.open(o_.notifications, &whyNot)) return fail(whyNot);
     attach();
     Deadline end = o_.duration > 0 ? Deadline::after(o_.duration) : Deadline::never();
     long received = 0;
@@ -48,7 +48,7 @@ class Simulator {
     for (;;) {
       // Without a daemon to write to, wake up now and then to look for one.
       Deadline wait = writer_.isOpen() ? end : Deadline::after(kAttachInterval);
-      FrameReader::Event event = reader_.next(&frame, wait, stop_.fd(), &error);
+      FrameReader::Event event = reader_.next(&frame, wait, stop_.fd(), &whyNot);
       switch (event) {
         case FrameReader::Event::frame:
           ++received;
@@ -68,7 +68,7 @@ class Simulator {
           stop_.take();
           return finish(received, kExitOk);
         case FrameReader::Event::failed:
-          fail(error);
+          fail(whyNot);
           return finish(received, kExitFailure);
       }
     }
@@ -79,15 +79,15 @@ class Simulator {
   // reason for failing is said once.
   void attach() {
     if (writer_.isOpen()) return;
-    std::string error;
-    if (writer_.open(o_.mailbox, &error)) {
+    std::string whyNot;
+    if (writer_.open(o_.mailbox, &whyNot)) {
       fprintf(stderr, "dravikctl: simulate: writing to %s\n", o_.mailbox.c_str());
       lastAttachError_.clear();
       return;
     }
-    if (error != lastAttachError_) {
-      fprintf(stderr, "dravikctl: simulate: %s; trying again\n", error.c_str());
-      lastAttachError_ = error;
+    if (whyNot != lastAttachError_) {
+      fprintf(stderr, "dravikctl: simulate: %s; trying again\n", whyNot.c_str());
+      lastAttachError_ = whyNot;
     }
   }
 
@@ -115,9 +115,9 @@ class Simulator {
   bool send(const BinaryMessage& message) {
     attach();
     std::string frame = encodeFrame(message);
-    std::string error;
-    if (!writer_.write(frame, Deadline::after(o_.timeout), &error)) {
-      fprintf(stderr, "dravikctl: simulate: answer %d not sent: %s\n", message.id, error.c_str());
+    std::string whyNot;
+    if (!writer_.write(frame, Deadline::after(o_.timeout), &whyNot)) {
+      fprintf(stderr, "dravikctl: simulate: answer %d not sent: %s\n", message.id, whyNot.c_str());
       return true;
     }
     ++answers_;

@@ -103,15 +103,15 @@ int yamaScope() {
   return file ? scope : -1;
 }
 
-// Why PTRACE_SEIZE failed with `error`, and what to do about it.
-std::string whyNotTraced(pid_t pid, int error) {
+// Why PTRACE_SEIZE failed with `errorNumber`, and what to do about it.
+std::string whyNotTraced(pid_t pid, int errorNumber) {
   std::string who = "dravik (pid " + std::to_string(pid) + ")";
-  if (error == ESRCH) return "no process " + std::to_string(pid);
-  if (error == ENOSYS || error == EIO) {
-    return std::string("this system lets no program trace another (ptrace: ") + std::strerror(error) +
+  if (errorNumber == ESRCH) return "no process " + std::to_string(pid);
+  if (errorNumber == ENOSYS || errorNumber == EIO) {
+    return std::string("this system lets no program trace another (ptrace: ") + std::strerror(errorNumber) +
            "; under qemu-user no tracer can work)";
   }
-  if (error != EPERM) return "cannot trace " + who + ": " + std::strerror(error);
+  if (errorNumber != EPERM) return "cannot trace " + who + ": " + std::strerror(errorNumber);
   pid_t tracer = static_cast<pid_t>(std::atoi(statusField(pid, "TracerPid").c_str()));
   if (tracer != 0) {
     // ptrace allows one tracer: a second tap must wait for the first.
@@ -189,7 +189,7 @@ std::vector<pid_t> Tap::threads() const {
   return tids;
 }
 
-bool Tap::attach(pid_t pid, std::string* error) {
+bool Tap::attach(pid_t pid, std::string* whyNot) {
   detach();
   pid_ = pid;
   blockChildSignals();
@@ -198,7 +198,7 @@ bool Tap::attach(pid_t pid, std::string* error) {
   sigaddset(&child, SIGCHLD);
   childSignals_ = signalfd(-1, &child, SFD_NONBLOCK | SFD_CLOEXEC);
   if (childSignals_ < 0) {
-    *error = std::string("signalfd: ") + std::strerror(errno);
+    *whyNot = std::string("signalfd: ") + std::strerror(errno);
     return false;
   }
   // Threads started while the list is read are seized on the next pass;
@@ -209,7 +209,7 @@ bool Tap::attach(pid_t pid, std::string* error) {
       if (threads_.count(tid) != 0) continue;
       if (ptrace(PTRACE_SEIZE, tid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE) != 0) {
         if (errno == ESRCH && !threads_.empty()) continue;  // ended meanwhile
-        *error = whyNotTraced(pid, errno);
+        *whyNot = whyNotTraced(pid, errno);
         detach();
         return false;
       }
@@ -219,15 +219,15 @@ bool Tap::attach(pid_t pid, std::string* error) {
     }
   }
   if (threads_.empty()) {
-    *error = "no process " + std::to_string(pid);
+    *whyNot = "no process " + std::to_string(pid);
     detach();
     return false;
   }
   // Each thread is traced once it has stopped and been resumed.
   peer::Deadline deadline = peer::Deadline::after(kStopWait);
   for (;;) {
-    if (!collect(&pending_, error)) {
-      if (error->empty()) *error = "dravik (pid " + std::to_string(pid) + ") ended while the tap attached";
+    if (!collect(&pending_, whyNot)) {
+      if (whyNot->empty()) *whyNot = "dravik (pid " + std::to_string(pid) + ") ended while the tap attached";
       detach();
       return false;
     }
@@ -235,7 +235,7 @@ bool Tap::attach(pid_t pid, std::string* error) {
     for (const auto& t : threads_) all = all && t.second.traced;
     if (all) return true;
     if (!waitForStops(deadline)) {
-      *error = "the threads of dravik (pid " + std::to_string(pid) + ") did not stop for the tap";
+      *whyNot = "the threads of dravik (pid " + std::to_string(pid) + ") did not stop for the tap";
       detach();
       return false;
     }
@@ -250,7 +250,7 @@ bool Tap::waitForStops(const peer::Deadline& deadline) {
   return ready > 0;
 }
 
-bool Tap::collect(std::vector<TapEvent>* events, std::string* error) {
+bool Tap::collect(std::vector<TapEvent>* events, std::string* whyNot) {
   // Drained before the threads are asked: a stop that comes after its
   // thread's turn raises another SIGCHLD, which the next wait sees.
   struct signalfd_siginfo infos[16];
@@ -265,13 +265,13 @@ bool Tap::collect(std::vector<TapEvent>* events, std::string* error) {
       int status = 0;
       pid_t got = waitpid(tid, &status, WNOHANG | __WALL);
       if (got < 0 && errno == ECHILD) threads_.erase(tid);
-      if (got > 0 && !handle(tid, status, events, error)) return false;
+      if (got > 0 && !handle(tid, status, events, whyNot)) return false;
     }
   }
   return !threads_.empty();
 }
 
-bool Tap::handle(pid_t tid, int status, std::vector<TapEvent>* events, std::string* error) {
+bool Tap::handle(pid_t tid, int status, std::vector<TapEvent>* events, std::string* whyNot) {
   if (WIFEXITED(status) || WIFSIGNALED(status)) {
     threads_.erase(tid);
     return true;
@@ -299,7 +299,7 @@ bool Tap::handle(pid_t tid, int status, std::vector<TapEvent>* events, std::stri
     if (!thread.traced) {
       struct __ptrace_syscall_info probe;
       if (ptrace(PTRACE_GET_SYSCALL_INFO, tid, sizeof probe, &probe) < 0 && errno == EIO) {
-        *error = "this kernel cannot report system calls to the tap (PTRACE_GET_SYSCALL_INFO needs Linux 5.3 or later)";
+        *whyNot = "this kernel cannot report system calls to the tap (PTRACE_GET_SYSCALL_INFO needs Linux 5.3 or later)";
         // Let go at once: detach() only sees threads that stop again.
         ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
         threads_.erase(tid);
@@ -398,26 +398,26 @@ void Tap::endOfMailbox(pid_t tid, const struct timespec& seen, std::vector<TapEv
 }
 
 Tap::End Tap::run(const std::vector<int>& stopFds, const peer::Deadline& deadline, const TapSink& sink,
-                  std::string* error) {
-  error->clear();
+                  std::string* whyNot) {
+  whyNot->clear();
   std::vector<struct pollfd> fds;
   fds.push_back({childSignals_, POLLIN, 0});
   for (int fd : stopFds) fds.push_back({fd, POLLIN, 0});
   for (;;) {
     std::vector<TapEvent> events;
     events.swap(pending_);
-    bool alive = !threads_.empty() && collect(&events, error);
+    bool alive = !threads_.empty() && collect(&events, whyNot);
     for (std::size_t i = 0; i < events.size(); ++i) {
       if (!sink(events[i])) {
         pending_.assign(events.begin() + static_cast<std::ptrdiff_t>(i) + 1, events.end());
         return End::done;
       }
     }
-    if (!error->empty()) return End::failed;
+    if (!whyNot->empty()) return End::failed;
     if (!alive) return End::daemonGone;
     int ready = poll(fds.data(), fds.size(), deadline.pollTimeout());
     if (ready < 0 && errno != EINTR) {
-      *error = std::string("poll: ") + std::strerror(errno);
+      *whyNot = std::string("poll: ") + std::strerror(errno);
       return End::failed;
     }
     if (ready == 0) return End::timeout;
