@@ -1,6 +1,5 @@
 #include "harness/child_process.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -12,9 +11,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
+
+#include "procfs/procfs.h"
 
 extern char** environ;
 
@@ -30,6 +31,10 @@ int openPidFd(pid_t pid) {
 }
 
 std::string nameOf(const std::string& entry) { return entry.substr(0, entry.find('=')); }
+
+// The processor time fields of /proc/PID/stat (procfs::statFields).
+constexpr std::size_t kUtimeField = 13;
+constexpr std::size_t kStimeField = 14;
 
 }  // namespace
 
@@ -254,19 +259,11 @@ bool ChildProcess::waitForErr(const std::string& needle, std::chrono::millisecon
 
 double ChildProcess::cpuSeconds() const {
   if (!running()) return -1;
-  std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  // The command name in parentheses may hold blanks: count fields after it.
-  std::size_t close = text.rfind(')');
-  if (close == std::string::npos) return -1;
-  std::istringstream fields(text.substr(close + 2));
-  std::string field;
-  unsigned long long utime = 0, stime = 0;
-  // Fields 3 to 13 precede utime (14) and stime (15).
-  for (int i = 3; i <= 13 && fields >> field; ++i) {
-  }
-  if (!(fields >> utime >> stime)) return -1;
-  return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  std::vector<std::string> fields = procfs::statFields(pid_);
+  if (fields.size() <= kStimeField) return -1;
+  unsigned long long ticks = std::strtoull(fields[kUtimeField].c_str(), nullptr, 10) +
+                             std::strtoull(fields[kStimeField].c_str(), nullptr, 10);
+  return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 std::optional<std::chrono::steady_clock::time_point> ChildProcess::execTime() const {
@@ -278,18 +275,9 @@ std::optional<std::chrono::steady_clock::time_point> ChildProcess::execTime() co
 
 bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
   for (;;) {
-    if (DIR* dir = opendir(fdDir.c_str())) {
-      bool found = false;
-      while (dirent* entry = readdir(dir)) {
-        char target[4096];
-        std::string link = fdDir + "/" + entry->d_name;
-        ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-        if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path) found = true;
-      }
-      closedir(dir);
-      if (found) return true;
+    for (int fd : procfs::descriptorsOf(pid)) {
+      if (procfs::descriptorTarget(pid, fd) == path) return true;
     }
     if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
