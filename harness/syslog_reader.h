@@ -12,12 +12,14 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "messaging/wake_up.h"
 #include "peer/syslog_record.h"
 
 class SyslogReader {
@@ -50,8 +52,8 @@ class SyslogReader {
   void drain();
 
   int fd_ = -1;
-  int stopRead_ = -1;
-  int stopWrite_ = -1;
+  // Ends the drain; one per open(), since a wake-up stays triggered.
+  std::unique_ptr<WakeUp> stop_;
   std::string path_;
   std::thread thread_;
   std::function<void(const SyslogRecord&)> callback_;
