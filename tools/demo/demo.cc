@@ -29,16 +29,16 @@
 #include <thread>
 #include <vector>
 
-#include "messaging/binary_fifo.h"
-#include "store/service_paths.h"
-#include "store/store_layout.h"
-#include "tools/dravikctl/frame_printer.h"
+#include "conversation/frame_printer.h"
 #include "harness/child_process.h"
 #include "harness/faketime.h"
 #include "harness/sandbox.h"
+#include "harness/syslog_reader.h"
+#include "messaging/binary_fifo.h"
 #include "peer/frame_codec.h"
 #include "peer/pipe_peer.h"
-#include "harness/syslog_reader.h"
+#include "store/service_paths.h"
+#include "store/store_layout.h"
 
 namespace {
 
@@ -59,7 +59,7 @@ void emit(const std::string& text) {
 }
 
 void line(const std::string& source, const std::string& text) {
-  emit(dravikctl::timeOfDay(dravikctl::wallClock()) + " " + source + " " + text);
+  emit(conversation::timeOfDay(conversation::wallClock()) + " " + source + " " + text);
 }
 
 void say(const std::string& text) { line("demo", text); }
@@ -142,11 +142,11 @@ void getFilter(int32_t channel) {
       !writer.write(frame, peer::Deadline::after(5), &whyNot)) {
     return say("(no request: " + whyNot + ")");
   }
-  line("send", dravikctl::frameText(peer::decodeFrame(frame, catalogue::Flow::in), false));
+  line("send", conversation::frameText(peer::decodeFrame(frame, catalogue::Flow::in), false));
   peer::Deadline deadline = peer::Deadline::after(5);
   while (reader.next(&frame, deadline, -1, &whyNot) == peer::FrameReader::Event::frame) {
     peer::DecodedFrame answer = peer::decodeFrame(frame, catalogue::Flow::out);
-    line("recv", dravikctl::frameText(answer, false));
+    line("recv", conversation::frameText(answer, false));
     if (answer.header.correlationId == request.id) return;
   }
   say("(no answer " + whyNot + ")");

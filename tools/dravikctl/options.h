@@ -7,11 +7,12 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
-#include "peer/frame_codec.h"
+#include "conversation/transcript.h"
 #include "store/service_paths.h"
-#include "tools/dravikctl/frame_filter.h"
+#include "tools/dravikctl/commands.h"
 
 namespace dravikctl {
 
@@ -19,7 +20,7 @@ struct Options {
   bool help = false;
   bool version = false;
 
-  std::string command;  // as typed: "reset-all", "get-filter", ...
+  const Command* command = nullptr;  // set unless help or version
   // Arguments of the command, checked and converted.
   int32_t channel = 0;
   int32_t status = 0;
@@ -28,22 +29,20 @@ struct Options {
 
   std::string mailbox = kCommandFifoPath;
   std::string notifications = kNotificationFifoPath;
-  int32_t sender = peer::kToolEndpoint;  // the command's own default unless given
-  int32_t responseSelector = 0;    // likewise
-  double timeout = 5;              // seconds
+  std::optional<int32_t> sender;            // unless given: the command's own
+  std::optional<int32_t> responseSelector;  // unless given: its class's own
+  double timeout = 5;                       // seconds
 
   pid_t pid = 0;        // the daemon to tap; 0: found by name
   bool direct = false;  // read the notification pipe instead of tapping
   bool force = false;   // read it even while another process does
   bool noWait = false;  // send only
 
-  bool hex = false;
-  bool json = false;
-  bool log = false;     // monitor: the daemon's syslog lines too
-  std::string pcap;     // monitor: capture file; "-": standard output
-  long count = 0;       // 0: no bound
-  double duration = 0;  // seconds; 0: no bound
-  FrameFilter filter;
+  conversation::Style style;  // how monitor, decode and simulate show frames
+  bool log = false;           // monitor: the daemon's syslog lines too
+  std::string pcap;           // monitor: capture file; "-": standard output
+  long count = 0;             // 0: no bound
+  double duration = 0;        // seconds; 0: no bound
   int32_t filterStatus = 0;
   uint32_t blockSize = 64;
 };

@@ -44,7 +44,8 @@ struct OutputQueue::State {
       std::lock_guard<std::mutex> lock(mutex);
       busy = false;
       if (error != 0) {
-        fail(error == EPIPE ? "the output was closed" : std::string("cannot write the output: ") + std::strerror(error));
+        readerGone = error == EPIPE;
+        fail(readerGone ? "the output was closed" : std::string("cannot write the output: ") + std::strerror(error));
         return;
       }
       changed.notify_all();
@@ -60,6 +61,7 @@ struct OutputQueue::State {
   std::size_t queued = 0;
   bool busy = false;
   bool stopping = false;
+  bool readerGone = false;
   std::string failure;
 };
 
@@ -97,6 +99,11 @@ int OutputQueue::failedFd() const { return state_->failed.fd(); }
 std::string OutputQueue::failure() const {
   std::lock_guard<std::mutex> lock(state_->mutex);
   return state_->failure;
+}
+
+bool OutputQueue::readerGone() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->readerGone;
 }
 
 }  // namespace dravikctl

@@ -6,21 +6,26 @@
 // the notification pipe, so it refuses to start beside another reader.
 #include <cstdio>
 
+#include "conversation/frame_printer.h"
+#include "conversation/transcript.h"
 #include "messaging/binary_fifo.h"
-#include "tools/dravikctl/commands.h"
-#include "tools/dravikctl/frame_printer.h"
-#include "tools/dravikctl/stop_signals.h"
 #include "peer/pipe_peer.h"
+#include "tools/dravikctl/commands.h"
+#include "tools/dravikctl/options.h"
+#include "tools/dravikctl/proc_scan.h"
+#include "tools/dravikctl/report.h"
+#include "tools/dravikctl/stop_signals.h"
 
 namespace dravikctl {
 namespace {
 
+using catalogue::Flow;
+using conversation::wallClock;
 using peer::CatalogueMessage;
 using peer::Deadline;
 using peer::DecodedFrame;
 using peer::FrameReader;
 using peer::MailboxWriter;
-using catalogue::Flow;
 
 // How often a simulator without a daemon tries the mailbox again.
 constexpr double kAttachInterval = 0.25;
@@ -35,7 +40,7 @@ std::string calibrationBlock(int64_t channel, uint32_t size) {
 
 class Simulator {
  public:
-  explicit Simulator(const Options& options) : o_(options), printer_(options) {}
+  explicit Simulator(const Options& options) : o_(options), transcript_(options.style) {}
 
   int run() {
     if (!mayReadNotifications(o_, "simulate")) return kExitFailure;
@@ -94,7 +99,7 @@ class Simulator {
   // Prints a received frame and answers it. False when standard output is gone.
   bool handle(const std::string& frame) {
     DecodedFrame in = peer::decodeFrame(frame, Flow::out);
-    if (!print(printer_.frame(frame, Flow::out, wallClock()))) return false;
+    if (!print(transcript_.frame(frame, Flow::out, wallClock()))) return false;
     if (!in.decoded()) return true;
     const peer::Value* channel = in.arg("channel");
     int64_t number = channel != nullptr ? channel->number : 0;
@@ -121,7 +126,7 @@ class Simulator {
       return true;
     }
     ++answers_;
-    return print(printer_.frame(frame, Flow::in, wallClock()));
+    return print(transcript_.frame(frame, Flow::in, wallClock()));
   }
 
   // A frame's line, unless the filters left it out.
@@ -133,7 +138,7 @@ class Simulator {
   }
 
   const Options& o_;
-  ConversationPrinter printer_;
+  conversation::Transcript transcript_;
   StopSignals stop_;
   FrameReader reader_;
   MailboxWriter writer_;

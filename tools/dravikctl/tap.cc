@@ -4,18 +4,15 @@
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
+#include "procfs/procfs.h"
 #include "tools/dravikctl/proc_scan.h"
 
 namespace dravikctl {
@@ -23,7 +20,6 @@ namespace {
 
 using catalogue::Flow;
 
-constexpr int kCapSysPtrace = 19;
 constexpr double kStopWait = 2;  // seconds a thread may take to stop for attach or detach
 
 // System calls after which a descriptor number may name another file.
@@ -76,80 +72,6 @@ bool sendsDatagram(uint64_t call) {
   if (call == SYS_send) return true;
 #endif
   return call == SYS_sendto;
-}
-
-// A field of /proc/PID/status, e.g. "TracerPid".
-std::string statusField(pid_t pid, const std::string& name) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.compare(0, name.size() + 1, name + ":") == 0) {
-      std::size_t start = line.find_first_not_of(" \t", name.size() + 1);
-      return start == std::string::npos ? "" : line.substr(start);
-    }
-  }
-  return "";
-}
-
-bool haveCapSysPtrace() {
-  unsigned long long capabilities = std::strtoull(statusField(getpid(), "CapEff").c_str(), nullptr, 16);
-  return (capabilities >> kCapSysPtrace) & 1;
-}
-
-int yamaScope() {
-  std::ifstream file("/proc/sys/kernel/yama/ptrace_scope");
-  int scope = -1;
-  file >> scope;
-  return file ? scope : -1;
-}
-
-// Why PTRACE_SEIZE failed with `errorNumber`, and what to do about it.
-std::string whyNotTraced(pid_t pid, int errorNumber) {
-  std::string who = "dravik (pid " + std::to_string(pid) + ")";
-  if (errorNumber == ESRCH) return "no process " + std::to_string(pid);
-  if (errorNumber == ENOSYS || errorNumber == EIO) {
-    return std::string("this system lets no program trace another (ptrace: ") + std::strerror(errorNumber) +
-           "; under qemu-user no tracer can work)";
-  }
-  if (errorNumber != EPERM) return "cannot trace " + who + ": " + std::strerror(errorNumber);
-  pid_t tracer = static_cast<pid_t>(std::atoi(statusField(pid, "TracerPid").c_str()));
-  if (tracer != 0) {
-    // ptrace allows one tracer: a second tap must wait for the first.
-    std::string by = describeProcess(tracer);
-    if (by.find(" (dravikctl)") != std::string::npos) return who + " is tapped already, by dravikctl " + by;
-    return who + " is already traced by " + by + "; end that tracer first";
-  }
-  int scope = yamaScope();
-  if (scope == 3) return "tracing is disabled on this machine until it restarts (kernel.yama.ptrace_scope=3)";
-  if (haveCapSysPtrace()) {
-    return "not permitted to trace " + who + " even with CAP_SYS_PTRACE (a security module or a seccomp policy forbids it)";
-  }
-  if (scope == 2) return "only root or a process with CAP_SYS_PTRACE may trace (kernel.yama.ptrace_scope=2): run dravikctl as root";
-  struct stat owner;
-  std::string proc = "/proc/" + std::to_string(pid);
-  if (stat(proc.c_str(), &owner) == 0 && owner.st_uid != geteuid()) {
-    return who + " runs as uid " + std::to_string(owner.st_uid) + ": run dravikctl as root (or with CAP_SYS_PTRACE)";
-  }
-  if (scope == 1) {
-    return "kernel.yama.ptrace_scope=1 lets a process trace only its own descendants: run dravikctl as root "
-           "(or with CAP_SYS_PTRACE), or set kernel.yama.ptrace_scope=0";
-  }
-  return "not permitted to trace " + who + ": run dravikctl as root (or with CAP_SYS_PTRACE)";
-}
-
-// Whether a socket inode belongs to an AF_UNIX socket of `pid`'s network namespace.
-bool isUnixSocket(pid_t pid, const std::string& inode) {
-  std::ifstream table("/proc/" + std::to_string(pid) + "/net/unix");
-  std::string line;
-  std::getline(table, line);  // the heading
-  while (std::getline(table, line)) {
-    std::istringstream fields(line);
-    std::string field;
-    for (int i = 0; i < 7 && fields >> field; ++i) {
-    }
-    if (field == inode) return true;
-  }
-  return false;
 }
 
 std::string copyFrom(pid_t tid, uint64_t address, std::size_t count) {
@@ -205,7 +127,7 @@ bool Tap::attach(pid_t pid, std::string* whyNot) {
   // those started by a seized thread are seized by the kernel.
   for (bool grew = true; grew;) {
     grew = false;
-    for (pid_t tid : threadsOf(pid)) {
+    for (pid_t tid : procfs::threadsOf(pid)) {
       if (threads_.count(tid) != 0) continue;
       if (ptrace(PTRACE_SEIZE, tid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE) != 0) {
         if (errno == ESRCH && !threads_.empty()) continue;  // ended meanwhile
@@ -360,7 +282,7 @@ void Tap::handleSyscall(pid_t tid, Thread& thread, std::vector<TapEvent>* events
 Tap::Fd Tap::kindOf(int fd) {
   auto known = fds_.find(fd);
   if (known != fds_.end()) return known->second;
-  std::string target = descriptorTarget(pid_, fd);
+  std::string target = procfs::descriptorTarget(pid_, fd);
   Fd kind = Fd::other;
   if (target == mailbox_) {
     kind = Fd::mailbox;

@@ -1,4 +1,4 @@
-#include "tools/dravikctl/pcapng.h"
+#include "conversation/pcapng.h"
 
 namespace pcapng {
 namespace {

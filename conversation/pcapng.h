@@ -10,8 +10,8 @@
 //   Interface Descr.  0x00000001, length, link type 147, reserved, snap length 0
 //   Enhanced Packet   0x00000006, length, interface 0, time high, time low,
 //                     captured, original, data padded to 4, epb_flags option
-#ifndef DRAVIK_TOOLS_DRAVIKCTL_PCAPNG_H_
-#define DRAVIK_TOOLS_DRAVIKCTL_PCAPNG_H_
+#ifndef DRAVIK_CONVERSATION_PCAPNG_H_
+#define DRAVIK_CONVERSATION_PCAPNG_H_
 
 #include <time.h>
 
@@ -45,4 +45,4 @@ bool readCapture(const std::string& file, std::vector<Packet>* packets, std::str
 
 }  // namespace pcapng
 
-#endif  // DRAVIK_TOOLS_DRAVIKCTL_PCAPNG_H_
+#endif  // DRAVIK_CONVERSATION_PCAPNG_H_
