@@ -56,6 +56,6 @@ constexpr std::size_t kMaxFrameSize = kFrameLengthSize + kMaxPayloadLength;
 // calibration block): the payload less the header and the block's own
 // 4-byte length.
 constexpr uint32_t kLargestCalibrationBlock = kMaxPayloadLength - kHeaderSize - 4;
-static_assert(kLargestCalibrationBlock == 65488, "the figure that dravikctl's man page and the benchmark's report quote");
+static_assert(kLargestCalibrationBlock == 65488, "the figure that dravikctl's man page and the benchmark quote");
 
 #endif  // DRAVIK_MESSAGING_FRAME_FORMAT_H_

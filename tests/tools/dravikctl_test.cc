@@ -155,9 +155,10 @@ TEST(DravikctlCommandLine, DecodePrintsTheFramesItsOptionsChoose) {
   notification.milliseconds = 1000;
   TempDir dir;
   const std::string capture = dir.file("capture.pcapng");
+  const std::string notificationFrame = frame(notification, be32(2) + str("/f"));
   writeFile(capture, pcapng::fileHeader() +
                          pcapng::packetBlock(frame(request, be32(1)), catalogue::Flow::in, {1, 3000000}) +
-                         pcapng::packetBlock(frame(notification, be32(2) + str("/f")), catalogue::Flow::out, {1, 10000000}));
+                         pcapng::packetBlock(notificationFrame, catalogue::Flow::out, {1, 10000000}));
   const std::string first =
       "00:00:01.003 in GetAnalyticsFilterDataRequest 100->13 id=7 corr=0 resp=13003 channel=1 stamp=00:00:01.000 "
       "age=3ms\n";

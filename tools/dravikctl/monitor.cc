@@ -101,7 +101,8 @@ class MonitorOutput {
     if (showsLines()) lines_.push(text + "\n");
   }
   void captured(const TapEvent& frame) {
-    if (OutputQueue* capture = this->capture()) capture->push(pcapng::packetBlock(frame.bytes, frame.direction, frame.seen));
+    OutputQueue* capture = this->capture();
+    if (capture != nullptr) capture->push(pcapng::packetBlock(frame.bytes, frame.direction, frame.seen));
   }
 
   // Readable once an output has failed.

@@ -43,7 +43,7 @@ using peer::MailboxWriter;
 // Lines of the service's log that may wait for a slow standard error.
 constexpr std::size_t kLogQueueLimit = 1 << 20;
 
-std::string seconds(double value) {
+std::string secondsText(double value) {
   char text[32];
   snprintf(text, sizeof text, "%g s", value);
   return text;
@@ -156,8 +156,10 @@ class WatchedCommand {
       case Tap::End::failed:
         return fail(tapError_);
       case Tap::End::timeout:
-        if (!taken_) return fail("dravik did not take the message from " + o_.mailbox + " within " + seconds(o_.timeout));
-        return fail("dravik had not handled the message within " + seconds(o_.timeout));
+        if (!taken_) {
+          return fail("dravik did not take the message from " + o_.mailbox + " within " + secondsText(o_.timeout));
+        }
+        return fail("dravik had not handled the message within " + secondsText(o_.timeout));
     }
     if (isRequest(message_)) {
       if (!answer_) return fail("dravik handled the request and sent no answer");
@@ -261,7 +263,7 @@ int runUnwatchedRequest(const Options& o, MailboxWriter& writer, const Catalogue
         break;
       }
       case FrameReader::Event::timeout:
-        return fail("no answer from the service on " + o.notifications + " within " + seconds(o.timeout));
+        return fail("no answer from the service on " + o.notifications + " within " + secondsText(o.timeout));
       case FrameReader::Event::writersGone:
         return fail("the service closed " + o.notifications + " before answering");
       case FrameReader::Event::woken:

@@ -49,23 +49,23 @@ bool parseSeconds(const std::string& text, double* value) {
 }
 
 // The setters' shapes.
-std::string flag(bool* to) {
+std::string setFlag(bool* to) {
   *to = true;
   return "";
 }
 
-std::string path(const std::string& value, std::string* to) {
+std::string setPath(const std::string& value, std::string* to) {
   if (value.empty()) return "a path";
   *to = value;
   return "";
 }
 
-std::string seconds(const std::string& value, double* to) {
+std::string setSeconds(const std::string& value, double* to) {
   return parseSeconds(value, to) ? "" : "seconds, more than 0";
 }
 
 template <class T>
-std::string number(const std::string& value, T* to, const char* form) {
+std::string setNumber(const std::string& value, T* to, const char* form) {
   int32_t n = 0;
   if (!parseInt32(value, &n)) return form;
   *to = n;
@@ -73,14 +73,14 @@ std::string number(const std::string& value, T* to, const char* form) {
 }
 
 template <class T>
-std::string positive(const std::string& value, T* to, const char* form) {
+std::string setPositive(const std::string& value, T* to, const char* form) {
   int32_t n = 0;
   if (!parseInt32(value, &n) || n <= 0) return form;
   *to = n;
   return "";
 }
 
-std::string blockSize(const std::string& value, uint32_t* to) {
+std::string setBlockSize(const std::string& value, uint32_t* to) {
   int32_t n = 0;
   if (!parseInt32(value, &n) || n < 0 || static_cast<uint32_t>(n) > kLargestCalibrationBlock) {
     return "0 to " + std::to_string(kLargestCalibrationBlock) + " bytes";
@@ -89,7 +89,7 @@ std::string blockSize(const std::string& value, uint32_t* to) {
   return "";
 }
 
-std::string direction(const std::string& value, Options* o) {
+std::string setDirection(const std::string& value, Options* o) {
   if (value != "in" && value != "out") return "in or out";
   o->style.filter.direction = value == "in" ? catalogue::Flow::in : catalogue::Flow::out;
   return "";
@@ -98,47 +98,50 @@ std::string direction(const std::string& value, Options* o) {
 const char* const kSending = "commands that send a message";
 const char* const kTapping = "monitor and commands that send a message";
 const char* const kReading = "commands that read the notification pipe";
+const unsigned kShowsFrames = kMonitors | kSimulates | kDecodes;
 const char* const kPrinting = "monitor, simulate and decode";
 const char* const kFiltering = "monitor and decode";
 
 const std::vector<OptionRule>& optionRules() {
   using V = const std::string&;
   static const std::vector<OptionRule> table = {
-      {"help", false, kAnyKind, "", [](V, Options* o) { return flag(&o->help); }},
-      {"version", false, kAnyKind, "", [](V, Options* o) { return flag(&o->version); }},
-      {"mailbox", true, kAnyKind, "", [](V v, Options* o) { return path(v, &o->mailbox); }},
-      {"notifications", true, kAnyKind, "", [](V v, Options* o) { return path(v, &o->notifications); }},
-      {"timeout", true, kAnyKind, "", [](V v, Options* o) { return seconds(v, &o->timeout); }},
-      {"sender", true, kSends, kSending, [](V v, Options* o) { return number(v, &o->sender, "an endpoint number"); }},
+      {"help", false, kAnyKind, "", [](V, Options* o) { return setFlag(&o->help); }},
+      {"version", false, kAnyKind, "", [](V, Options* o) { return setFlag(&o->version); }},
+      {"mailbox", true, kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->mailbox); }},
+      {"notifications", true, kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->notifications); }},
+      {"timeout", true, kAnyKind, "", [](V v, Options* o) { return setSeconds(v, &o->timeout); }},
+      {"sender", true, kSends, kSending,
+       [](V v, Options* o) { return setNumber(v, &o->sender, "an endpoint number"); }},
       {"response-selector", true, kSends, kSending,
-       [](V v, Options* o) { return number(v, &o->responseSelector, "a selector number"); }},
-      {"no-wait", false, kSends, kSending, [](V, Options* o) { return flag(&o->noWait); }},
-      {"pid", true, kSends | kMonitors, kTapping, [](V v, Options* o) { return positive(v, &o->pid, "a process id"); }},
-      {"direct", false, kSends | kMonitors, kTapping, [](V, Options* o) { return flag(&o->direct); }},
-      {"force", false, kSends | kMonitors | kSimulates, kReading, [](V, Options* o) { return flag(&o->force); }},
-      {"hex", false, kMonitors | kSimulates | kDecodes, kPrinting, [](V, Options* o) { return flag(&o->style.hex); }},
-      {"json", false, kMonitors | kSimulates | kDecodes, kPrinting, [](V, Options* o) { return flag(&o->style.json); }},
-      {"count", true, kMonitors | kSimulates | kDecodes, kPrinting,
-       [](V v, Options* o) { return positive(v, &o->count, "a number of frames, more than 0"); }},
+       [](V v, Options* o) { return setNumber(v, &o->responseSelector, "a selector number"); }},
+      {"no-wait", false, kSends, kSending, [](V, Options* o) { return setFlag(&o->noWait); }},
+      {"pid", true, kSends | kMonitors, kTapping,
+       [](V v, Options* o) { return setPositive(v, &o->pid, "a process id"); }},
+      {"direct", false, kSends | kMonitors, kTapping, [](V, Options* o) { return setFlag(&o->direct); }},
+      {"force", false, kSends | kMonitors | kSimulates, kReading, [](V, Options* o) { return setFlag(&o->force); }},
+      {"hex", false, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.hex); }},
+      {"json", false, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.json); }},
+      {"count", true, kShowsFrames, kPrinting,
+       [](V v, Options* o) { return setPositive(v, &o->count, "a number of frames, more than 0"); }},
       {"duration", true, kMonitors | kSimulates, "monitor and simulate",
-       [](V v, Options* o) { return seconds(v, &o->duration); }},
-      {"log", false, kMonitors, "monitor", [](V, Options* o) { return flag(&o->log); }},
-      {"pcap", true, kMonitors, "monitor", [](V v, Options* o) { return path(v, &o->pcap); }},
+       [](V v, Options* o) { return setSeconds(v, &o->duration); }},
+      {"log", false, kMonitors, "monitor", [](V, Options* o) { return setFlag(&o->log); }},
+      {"pcap", true, kMonitors, "monitor", [](V v, Options* o) { return setPath(v, &o->pcap); }},
       {"selector", true, kMonitors | kDecodes, kFiltering,
        [](V v, Options* o) {
          int32_t selector = 0;
-         std::string refused = number(v, &selector, "a selector number");
+         std::string refused = setNumber(v, &selector, "a selector number");
          if (refused.empty()) o->style.filter.selectors.push_back(selector);
          return refused;
        }},
       {"channel", true, kMonitors | kDecodes, kFiltering,
-       [](V v, Options* o) { return number(v, &o->style.filter.channel, "a channel number"); }},
+       [](V v, Options* o) { return setNumber(v, &o->style.filter.channel, "a channel number"); }},
       {"endpoint", true, kMonitors | kDecodes, kFiltering,
-       [](V v, Options* o) { return number(v, &o->style.filter.endpoint, "an endpoint number"); }},
-      {"direction", true, kMonitors | kDecodes, kFiltering, [](V v, Options* o) { return direction(v, o); }},
+       [](V v, Options* o) { return setNumber(v, &o->style.filter.endpoint, "an endpoint number"); }},
+      {"direction", true, kMonitors | kDecodes, kFiltering, [](V v, Options* o) { return setDirection(v, o); }},
       {"filter-status", true, kSimulates, "simulate",
-       [](V v, Options* o) { return number(v, &o->filterStatus, "a 32-bit number"); }},
-      {"block-size", true, kSimulates, "simulate", [](V v, Options* o) { return blockSize(v, &o->blockSize); }},
+       [](V v, Options* o) { return setNumber(v, &o->filterStatus, "a 32-bit number"); }},
+      {"block-size", true, kSimulates, "simulate", [](V v, Options* o) { return setBlockSize(v, &o->blockSize); }},
   };
   return table;
 }
