@@ -3,6 +3,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <istream>
 
 #include "messaging/binary_stream.h"
@@ -57,10 +58,18 @@ bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Val
   return true;
 }
 
+// The entry of a class that the program names itself: a name that the
+// catalogue does not know is a fault of the caller.
+const Entry& entryNamed(const std::string& className) {
+  const Entry* entry = catalogue::byName(className);
+  assert(entry != nullptr && "a class name that the catalogue does not know");
+  return *entry;
+}
+
 }  // namespace
 
 CatalogueMessage::CatalogueMessage(const std::string& className, std::vector<Value> values)
-    : CatalogueMessage(*catalogue::byName(className), std::move(values)) {}
+    : CatalogueMessage(entryNamed(className), std::move(values)) {}
 
 CatalogueMessage::CatalogueMessage(const catalogue::Entry& entryValue, std::vector<Value> valuesIn)
     : entry(entryValue), values(std::move(valuesIn)) {
@@ -142,7 +151,7 @@ DecodedFrame decodeFrame(const std::string& frame, Flow flow) {
     // A response whose requester chose its own response selector.
     uint16_t n = 0;
     in >> n;
-    if (n <= kMaxStringLength && argumentBytes == 2u + n) entry = catalogue::byName("GetAnalyticsFilterDataResponse");
+    if (n <= kMaxStringLength && argumentBytes == 2u + n) entry = &entryNamed("GetAnalyticsFilterDataResponse");
     payload.seekg(kHeaderSize);
   }
   if (entry == nullptr) {
