@@ -62,6 +62,124 @@ struct Interface {
   uint64_t unitsPerSecond = 1000000;
 };
 
+// Reads a whole file block by block. Each step returns false with the
+// fault in `fault_`.
+class CaptureReader {
+ public:
+  CaptureReader(const std::string& file, std::vector<Packet>* packets) : file_(file), in_(file), packets_(packets) {}
+
+  bool readAll(std::string* whyNot) {
+    for (at_ = 0; at_ < file_.size();) {
+      if (!block()) {
+        *whyNot = fault_ + " (block at byte " + std::to_string(at_) + ")";
+        return false;
+      }
+    }
+    if (!sectionSeen_) {
+      *whyNot = "empty file, not a pcapng capture";
+      return false;
+    }
+    return true;
+  }
+
+ private:
+  // The block at at_, which then moves past it.
+  bool block() {
+    if (!in_.has(at_, 12)) return refuse("file ends inside a block header");
+    uint32_t type = in_.u32(at_);
+    if (type == kSectionHeaderBlock) {
+      if (!section()) return false;
+    } else if (!sectionSeen_) {
+      return refuse("not a pcapng file");
+    }
+    uint32_t length = in_.u32(at_ + 4);
+    if (length < 12 || length % 4 != 0 || !in_.has(at_, length)) {
+      return refuse("block of invalid length " + std::to_string(length));
+    }
+    if (in_.u32(at_ + length - 4) != length) return refuse("block lengths differ");
+    std::size_t body = at_ + 8;
+    std::size_t end = at_ + length - 4;
+    if (type == kInterfaceDescriptionBlock && !interface(body, end)) return false;
+    if (type == kEnhancedPacketBlock && !packet(body, end)) return false;
+    at_ += length;
+    return true;
+  }
+
+  // The byte order magic tells how to read everything up to the next section.
+  bool section() {
+    if (!in_.has(at_, 28)) return refuse("section header block cut short");
+    in_.setBigEndian(false);
+    if (in_.u32(at_ + 8) != kByteOrderMagic) in_.setBigEndian(true);
+    if (in_.u32(at_ + 8) != kByteOrderMagic) return refuse("no pcapng byte order magic");
+    sectionSeen_ = true;
+    interfaces_.clear();
+    return true;
+  }
+
+  bool interface(std::size_t body, std::size_t end) {
+    if (end - body < 8) return refuse("interface block cut short");
+    if (in_.u16(body) != kLinkTypeUser0) {
+      return refuse("interface of link type " + std::to_string(in_.u16(body)) + ", not 147 (dravik frames)");
+    }
+    Interface interface;
+    options(body + 8, end, [&](uint16_t code, std::size_t value, uint16_t size) {
+      if (code != kIfTsresol || size != 1) return;
+      unsigned char resolution = static_cast<unsigned char>(file_[value]);
+      uint64_t units = 1;
+      for (int i = 0; i < (resolution & 0x7F) && units < (1ull << 62); ++i) units *= (resolution & 0x80) ? 2 : 10;
+      interface.unitsPerSecond = units;
+    });
+    interfaces_.push_back(interface);
+    return true;
+  }
+
+  bool packet(std::size_t body, std::size_t end) {
+    if (end - body < 20) return refuse("packet block cut short");
+    uint32_t id = in_.u32(body);
+    if (id >= interfaces_.size()) return refuse("packet of undeclared interface " + std::to_string(id));
+    uint32_t captured = in_.u32(body + 12);
+    if (captured > end - body - 20) return refuse("packet data longer than its block");
+    Packet packet;
+    packet.data = file_.substr(body + 20, captured);
+    uint64_t time = static_cast<uint64_t>(in_.u32(body + 4)) << 32 | in_.u32(body + 8);
+    uint64_t units = interfaces_[id].unitsPerSecond;
+    packet.seen.tv_sec = static_cast<time_t>(time / units);
+    packet.seen.tv_nsec = static_cast<long>(static_cast<long double>(time % units) * 1e9L / units);
+    options(body + 20 + padded(captured), end, [&](uint16_t code, std::size_t value, uint16_t size) {
+      if (code != kEpbFlags || size != 4) return;
+      uint32_t flags = in_.u32(value) & 3;
+      if (flags == kInbound) packet.direction = catalogue::Flow::in;
+      if (flags == kOutbound) packet.direction = catalogue::Flow::out;
+    });
+    packets_->push_back(std::move(packet));
+    return true;
+  }
+
+  // Options: code, length, value padded to 4, up to the end of the block.
+  template <class Take>
+  void options(std::size_t from, std::size_t end, const Take& take) const {
+    while (from + 4 <= end) {
+      uint16_t code = in_.u16(from), size = in_.u16(from + 2);
+      if (code == kEndOfOptions || from + 4 + size > end) break;
+      take(code, from + 4, size);
+      from += 4 + padded(size);
+    }
+  }
+
+  bool refuse(const std::string& what) {
+    fault_ = what;
+    return false;
+  }
+
+  const std::string& file_;
+  Cursor in_;
+  std::vector<Packet>* packets_;
+  std::vector<Interface> interfaces_;
+  bool sectionSeen_ = false;
+  std::size_t at_ = 0;
+  std::string fault_;
+};
+
 }  // namespace
 
 std::string fileHeader() {
@@ -97,83 +215,8 @@ std::string packetBlock(const std::string& frame, catalogue::Flow direction, con
 }
 
 bool readCapture(const std::string& file, std::vector<Packet>* packets, std::string* whyNot) {
-  Cursor in(file);
-  std::vector<Interface> interfaces;
-  bool sectionSeen = false;
-  std::size_t at = 0;
-  auto fail = [&](const std::string& what) {
-    *whyNot = what + " (block at byte " + std::to_string(at) + ")";
-    return false;
-  };
-  while (at < file.size()) {
-    if (!in.has(at, 12)) return fail("file ends inside a block header");
-    uint32_t type = in.u32(at);
-    if (type == kSectionHeaderBlock) {
-      // The byte order magic tells how to read everything up to the next section.
-      if (!in.has(at, 28)) return fail("section header block cut short");
-      in.setBigEndian(false);
-      if (in.u32(at + 8) != kByteOrderMagic) in.setBigEndian(true);
-      if (in.u32(at + 8) != kByteOrderMagic) return fail("no pcapng byte order magic");
-      sectionSeen = true;
-      interfaces.clear();
-    } else if (!sectionSeen) {
-      return fail("not a pcapng file");
-    }
-    uint32_t length = in.u32(at + 4);
-    if (length < 12 || length % 4 != 0 || !in.has(at, length)) return fail("block of invalid length " + std::to_string(length));
-    if (in.u32(at + length - 4) != length) return fail("block lengths differ");
-    std::size_t body = at + 8;
-    std::size_t end = at + length - 4;
-    // Options: code, length, value padded to 4, up to the end of the block.
-    auto options = [&](std::size_t from, auto&& take) {
-      while (from + 4 <= end) {
-        uint16_t code = in.u16(from), size = in.u16(from + 2);
-        if (code == kEndOfOptions || from + 4 + size > end) break;
-        take(code, from + 4, size);
-        from += 4 + padded(size);
-      }
-    };
-    if (type == kInterfaceDescriptionBlock) {
-      if (end - body < 8) return fail("interface block cut short");
-      if (in.u16(body) != kLinkTypeUser0) {
-        return fail("interface of link type " + std::to_string(in.u16(body)) + ", not 147 (dravik frames)");
-      }
-      Interface interface;
-      options(body + 8, [&](uint16_t code, std::size_t value, uint16_t size) {
-        if (code != kIfTsresol || size != 1) return;
-        unsigned char resolution = static_cast<unsigned char>(file[value]);
-        uint64_t units = 1;
-        for (int i = 0; i < (resolution & 0x7F) && units < (1ull << 62); ++i) units *= (resolution & 0x80) ? 2 : 10;
-        interface.unitsPerSecond = units;
-      });
-      interfaces.push_back(interface);
-    } else if (type == kEnhancedPacketBlock) {
-      if (end - body < 20) return fail("packet block cut short");
-      uint32_t id = in.u32(body);
-      if (id >= interfaces.size()) return fail("packet of undeclared interface " + std::to_string(id));
-      uint32_t captured = in.u32(body + 12);
-      if (captured > end - body - 20) return fail("packet data longer than its block");
-      Packet packet;
-      packet.data = file.substr(body + 20, captured);
-      uint64_t time = static_cast<uint64_t>(in.u32(body + 4)) << 32 | in.u32(body + 8);
-      uint64_t units = interfaces[id].unitsPerSecond;
-      packet.seen.tv_sec = static_cast<time_t>(time / units);
-      packet.seen.tv_nsec = static_cast<long>(static_cast<long double>(time % units) * 1e9L / units);
-      options(body + 20 + padded(captured), [&](uint16_t code, std::size_t value, uint16_t size) {
-        if (code != kEpbFlags || size != 4) return;
-        uint32_t flags = in.u32(value) & 3;
-        if (flags == kInbound) packet.direction = catalogue::Flow::in;
-        if (flags == kOutbound) packet.direction = catalogue::Flow::out;
-      });
-      packets->push_back(std::move(packet));
-    }
-    at += length;
-  }
-  if (!sectionSeen) {
-    *whyNot = "empty file, not a pcapng capture";
-    return false;
-  }
-  return true;
+  CaptureReader reader(file, packets);
+  return reader.readAll(whyNot);
 }
 
 }  // namespace pcapng
