@@ -166,13 +166,7 @@ std::string describeWaitStatus(int status) {
 }
 
 ChildProcess::~ChildProcess() {
-  if (running()) {
-    kill(pid_, SIGKILL);
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    reap(status);
-  }
+  if (running()) killAndReap();
   if (drainer_.joinable()) drainer_.join();
   if (pidFd_ >= 0) close(pidFd_);
   if (execAt_ != nullptr) munmap(execAt_, sizeof *execAt_);
@@ -207,6 +201,14 @@ bool ChildProcess::start(int binaryFd, const std::string& name, const std::vecto
 
 bool ChildProcess::signal(int signal) const { return running() && kill(pid_, signal) == 0; }
 
+void ChildProcess::killAndReap() {
+  kill(pid_, SIGKILL);
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  reap(status);
+}
+
 void ChildProcess::reap(int status) {
   std::lock_guard<std::mutex> lock(mutex_);
   status_ = status;
@@ -230,11 +232,7 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
   while (!poll()) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
-      kill(pid_, SIGKILL);
-      int status = 0;
-      while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-      }
-      reap(status);
+      killAndReap();
       if (drainer_.joinable()) drainer_.join();
       return std::nullopt;
     }

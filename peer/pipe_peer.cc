@@ -34,6 +34,22 @@ bool isFifo(int fd) {
   return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
 }
 
+// Opens the named pipe at `path` without waiting (O_NONBLOCK); -1, with the
+// reason, when it is missing, has no reader (a writer's open) or is no pipe.
+int openPipe(const std::string& path, int access, std::string* whyNot) {
+  int fd = ::open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *whyNot = openFailure(path, errno);
+    return -1;
+  }
+  if (!isFifo(fd)) {
+    ::close(fd);
+    *whyNot = path + " is not a named pipe";
+    return -1;
+  }
+  return fd;
+}
+
 int64_t nanosecondsUntil(const struct timespec& at) {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
@@ -73,20 +89,9 @@ MailboxWriter::~MailboxWriter() { close(); }
 bool MailboxWriter::open(const std::string& path, std::string* whyNot) {
   close();
   path_ = path;
-  // O_NONBLOCK: a FIFO without a reader fails at once with ENXIO instead
-  // of waiting for one.
-  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    *whyNot = openFailure(path, errno);
-    return false;
-  }
-  if (!isFifo(fd)) {
-    ::close(fd);
-    *whyNot = path + " is not a named pipe";
-    return false;
-  }
-  fd_ = fd;
-  return true;
+  // Without waiting: a FIFO without a reader fails at once with ENXIO.
+  fd_ = openPipe(path, O_WRONLY, whyNot);
+  return fd_ >= 0;
 }
 
 bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, std::string* whyNot) {
@@ -142,16 +147,8 @@ FrameReader::~FrameReader() {
 
 bool FrameReader::open(const std::string& path, std::string* whyNot) {
   path_ = path;
-  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    *whyNot = openFailure(path, errno);
-    return false;
-  }
-  if (!isFifo(fd)) {
-    ::close(fd);
-    *whyNot = path + " is not a named pipe";
-    return false;
-  }
+  int fd = openPipe(path, O_RDONLY, whyNot);
+  if (fd < 0) return false;
   if (fd_ >= 0) ::close(fd_);
   fd_ = fd;
   return true;
