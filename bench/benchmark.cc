@@ -197,7 +197,7 @@ void Benchmark::measureCalibration(Measurements& m) {
 void Benchmark::measureStore(Measurements& m) {
   phase("store", 600);
   byteArray calibration;
-  calibration.assign(block_.data() + kFrameLengthSize + kHeaderSize + 4, kCalibrationBlockSize);
+  calibration.assign(block_.data() + kFrameLengthSize + kHeaderSize + 4, kLargestCalibrationBlock);
   const std::string plainPath = std::string(kCalibrationDirectory) + "plain.bin";
   auto plainWrite = [&](bool synced) {
     unlink(plainPath.c_str());
@@ -227,7 +227,8 @@ void Benchmark::measureStore(Measurements& m) {
   }
   m.storeOps = perRound * o_.rounds;
   struct stat stored;
-  if (stat(CalibrationFilePath(0).c_str(), &stored) != 0 || stored.st_size != static_cast<off_t>(kCalibrationBlockSize)) {
+  if (stat(CalibrationFilePath(0).c_str(), &stored) != 0 ||
+      stored.st_size != static_cast<off_t>(kLargestCalibrationBlock)) {
     unhealthy("UpdateCalibrationData did not leave a file of the block's size");
   }
 }

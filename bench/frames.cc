@@ -25,7 +25,7 @@ std::string requestFrames() {
 }
 
 std::string calibrationFrame() {
-  std::string block(kCalibrationBlockSize, '\0');
+  std::string block(kLargestCalibrationBlock, '\0');
   for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>(i * 7);
   peer::CatalogueMessage answer("CalibrationDataResponse", {block});
   answer.sender = kEngineEndpoint;

@@ -14,8 +14,8 @@
 constexpr std::size_t kRequestFrameSize = kFrameLengthSize + kHeaderSize + 4;  // 52
 // Its answer: the header and the 51-character filter path with its length.
 constexpr std::size_t kAnswerFrameSize = kFrameLengthSize + kHeaderSize + 2 + 51;  // 101
-// CalibrationDataResponse with the largest block that fits a frame.
-constexpr uint32_t kCalibrationBlockSize = kMaxPayloadLength - kHeaderSize - 4;  // 65488
+// CalibrationDataResponse with the largest block that fits a frame
+// (kLargestCalibrationBlock).
 constexpr std::size_t kCalibrationFrameSize = kMaxFrameSize;
 
 // Distinct request frames, cycled; a multiple of the pipelined write batch.

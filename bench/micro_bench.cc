@@ -49,7 +49,7 @@ const TempDir& scratch() {
   return directory;
 }
 
-std::string calibrationBlock() { return std::string(kCalibrationBlockSize, '\x5a'); }
+std::string calibrationBlock() { return std::string(kLargestCalibrationBlock, '\x5a'); }
 
 peer::CatalogueMessage makeRequest() {
   peer::CatalogueMessage request("GetAnalyticsFilterDataRequest", {3});
@@ -253,7 +253,7 @@ void BM_StoreCalibrationFile(benchmark::State& state) {
   std::string path = storeScratch(state.range(0)).file("store.bin");
   std::string block = calibrationBlock();
   byteArray calibration;
-  calibration.assign(block.data(), kCalibrationBlockSize);
+  calibration.assign(block.data(), kLargestCalibrationBlock);
   for (auto _ : state) {
     RemoveStoreFile(path);
     if (WriteCalibrationFile(path, calibration) != CalibrationWrite::written) {

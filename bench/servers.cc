@@ -13,11 +13,10 @@
 #include "bench/options.h"
 #include "bench/proc_stats.h"
 #include "harness/sandbox.h"
+#include "store/service_paths.h"
 
 namespace {
 
-constexpr const char* kMailbox = "/tmp/dravik.mailbox";
-constexpr const char* kNotificationPipe = "/tmp/comm.mailbox";
 constexpr auto kStopTimeout = std::chrono::seconds(60);
 constexpr auto kTapTimeout = std::chrono::seconds(20);
 constexpr const char* kTapping = "dravikctl: tapping";
@@ -28,8 +27,8 @@ bool fail(const std::string& what) {
 }
 
 bool connectWriter(peer::MailboxWriter& writer, const std::string& path) {
-  std::string error;
-  return writer.open(path, &error) || fail(error);
+  std::string why;
+  return writer.open(path, &why) || fail(why);
 }
 
 double noStart(const std::string& what) {
@@ -65,8 +64,8 @@ bool Servers::open(const Options& options) {
   std::string why;
   if (!sandbox::enter(&why)) return fail("no private sandbox: " + why);
   if (!log_.open("/dev/log", &why)) return fail("no syslog reader at /dev/log: " + why);
-  mkfifo(kMailbox, 0666);
-  mkfifo(kNotificationPipe, 0666);
+  mkfifo(kCommandFifoPath, 0666);
+  mkfifo(kNotificationFifoPath, 0666);
   return true;
 }
 
@@ -112,12 +111,12 @@ double Servers::start(Server& server, int exe, const std::string& name, const st
 double Servers::startDaemon(Server& daemon, const std::vector<std::string>& wrapper, int timeoutSeconds) {
   daemon.name = "dravik";
   std::string why;
-  if (!daemon.answers.open(kNotificationPipe, &why)) return noStart(why);
-  return start(daemon, daemonExe_, "dravik", {"-s", "100000"}, wrapper, kMailbox, timeoutSeconds);
+  if (!daemon.answers.open(kNotificationFifoPath, &why)) return noStart(why);
+  return start(daemon, daemonExe_, "dravik", {"-s", "100000"}, wrapper, kCommandFifoPath, timeoutSeconds);
 }
 
 bool Servers::connectDaemon(Server& daemon, int timeoutSeconds) {
-  if (!connectWriter(daemon.requests, kMailbox)) return false;
+  if (!connectWriter(daemon.requests, kCommandFifoPath)) return false;
   auto started = [](const std::vector<SyslogLine>& lines) {
     for (const SyslogLine& line : lines) {
       if (line.second == "API: starting dispatcher") return true;
@@ -149,44 +148,44 @@ bool Servers::stopEcho(Server& echo) {
   return exitedWith(echo.process->wait(kStopTimeout), 0);
 }
 
-std::unique_ptr<ChildProcess> Servers::startTap(const Server& daemon, std::string* why) {
+std::unique_ptr<ChildProcess> Servers::startTap(const Server& daemon, std::string* whyNot) {
   if (dravikctlExe_ < 0) {
-    *why = "no dravikctl at " + dravikctlPath_ + " (--dravikctl PATH)";
+    *whyNot = "no dravikctl at " + dravikctlPath_ + " (--dravikctl PATH)";
     return nullptr;
   }
   auto tap = std::make_unique<ChildProcess>();
   ChildOptions options;
   options.discardOut = true;
-  std::string error;
-  if (!tap->start(dravikctlExe_, "dravikctl", {"monitor", "--pid", std::to_string(daemon.pid())}, options, &error)) {
-    *why = "cannot start dravikctl: " + error;
+  std::string why;
+  if (!tap->start(dravikctlExe_, "dravikctl", {"monitor", "--pid", std::to_string(daemon.pid())}, options, &why)) {
+    *whyNot = "cannot start dravikctl: " + why;
     return nullptr;
   }
   auto deadline = std::chrono::steady_clock::now() + kTapTimeout;
   while (!tap->waitForErr(kTapping, std::chrono::milliseconds(100))) {
     if (tap->poll()) {
       tap->wait(kStopTimeout);  // has ended: collects the last of what it said
-      *why = said(*tap).empty() ? "dravikctl monitor " + describeWaitStatus(*tap->status()) : said(*tap);
+      *whyNot = said(*tap).empty() ? "dravikctl monitor " + describeWaitStatus(*tap->status()) : said(*tap);
       return nullptr;
     }
     if (std::chrono::steady_clock::now() > deadline) {
-      *why = "dravikctl monitor did not attach within 20 s";
+      *whyNot = "dravikctl monitor did not attach within 20 s";
       return nullptr;  // killed: the kernel lets go of whatever it traced
     }
   }
   return tap;
 }
 
-bool Servers::stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* why) {
+bool Servers::stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* whyNot) {
   tap->signal(SIGINT);
   std::optional<int> status = tap->wait(kStopTimeout);
   if (!exitedWith(status, 0)) {
-    *why = "dravikctl monitor did not end with status 0 on SIGINT (" +
+    *whyNot = "dravikctl monitor did not end with status 0 on SIGINT (" +
            (status ? describeWaitStatus(*status) : std::string("killed after 60 s")) + "): " + said(*tap);
     return false;
   }
   if (procstats::traced(daemon.pid())) {
-    *why = "a thread of the daemon is still traced after dravikctl monitor ended";
+    *whyNot = "a thread of the daemon is still traced after dravikctl monitor ended";
     return false;
   }
   return true;

@@ -57,12 +57,12 @@ class Servers {
 
   // Attaches `dravikctl monitor --pid N` to the daemon, run as a user runs
   // it with its printout going to /dev/null, and waits for its "tapping"
-  // line. Null, with the reason in `why` (the tool's own words when it
+  // line. Null, with the reason in `whyNot` (the tool's own words when it
   // cannot trace here: no permission, qemu), when it did not attach.
-  std::unique_ptr<ChildProcess> startTap(const Server& daemon, std::string* why);
+  std::unique_ptr<ChildProcess> startTap(const Server& daemon, std::string* whyNot);
   // Stops the tap with SIGINT. True once it has exited with status 0 and
-  // no thread of the daemon is traced any more; false with why otherwise.
-  bool stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* why);
+  // no thread of the daemon is traced any more; false with the reason in `whyNot` otherwise.
+  bool stopTap(std::unique_ptr<ChildProcess> tap, const Server& daemon, std::string* whyNot);
 
   const SyslogReader& log() const { return log_; }
   SyslogReader& log() { return log_; }

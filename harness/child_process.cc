@@ -1,6 +1,5 @@
 #include "harness/child_process.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -12,9 +11,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <sstream>
+
+#include "procfs/procfs.h"
 
 extern char** environ;
 
@@ -30,6 +31,123 @@ int openPidFd(pid_t pid) {
 }
 
 std::string nameOf(const std::string& entry) { return entry.substr(0, entry.find('=')); }
+
+// What execve gets, all built before fork(): between fork() and exec() the
+// child may only make async-signal-safe calls. The program is the
+// executable open at the descriptor, or the wrapper that runs it.
+class ExecArguments {
+ public:
+  ExecArguments(int binaryFd, const std::string& name, const std::vector<std::string>& args,
+                const ChildOptions& options) {
+    std::string path = "/proc/self/fd/" + std::to_string(binaryFd);
+    program_ = options.wrapper.empty() ? path : options.wrapper.front();
+    argStrings_ = options.wrapper;
+    argStrings_.push_back(options.wrapper.empty() ? name : path);
+    argStrings_.insert(argStrings_.end(), args.begin(), args.end());
+    // This process's environment, less what the options replace, then theirs.
+    for (char** e = environ; *e != nullptr; ++e) {
+      std::string entry = *e;
+      bool replaced = false;
+      for (const std::string& extra : options.environment) replaced = replaced || nameOf(extra) == nameOf(entry);
+      if (!replaced) envStrings_.push_back(entry);
+    }
+    envStrings_.insert(envStrings_.end(), options.environment.begin(), options.environment.end());
+    for (std::string& a : argStrings_) argv_.push_back(a.data());
+    argv_.push_back(nullptr);
+    for (std::string& e : envStrings_) envp_.push_back(e.data());
+    envp_.push_back(nullptr);
+  }
+  ExecArguments(const ExecArguments&) = delete;
+  ExecArguments& operator=(const ExecArguments&) = delete;
+
+  // Returns only when execve fails.
+  void exec() const { execve(program_.c_str(), argv_.data(), envp_.data()); }
+
+ private:
+  std::string program_;
+  std::vector<std::string> argStrings_;
+  std::vector<std::string> envStrings_;
+  std::vector<char*> argv_;
+  std::vector<char*> envp_;
+};
+
+// The child's standard streams: input from /dev/null, output and error into
+// pipes that the parent drains (output to /dev/null when discarded). Closes
+// what the parent does not keep.
+class ChildStreams {
+ public:
+  ~ChildStreams() {
+    for (int fd : {outRead_, outWrite_, errRead_, errWrite_, in_, discardedOut_}) {
+      if (fd >= 0) close(fd);
+    }
+  }
+
+  bool open(bool discardOut) {
+    int out[2], err[2];
+    if (pipe2(out, O_CLOEXEC) != 0) return false;
+    outRead_ = out[0];
+    outWrite_ = out[1];
+    if (pipe2(err, O_CLOEXEC) != 0) return false;
+    errRead_ = err[0];
+    errWrite_ = err[1];
+    in_ = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (discardOut) discardedOut_ = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    return true;
+  }
+
+  // In the child: descriptors 0, 1 and 2.
+  void install() const {
+    if (in_ >= 0) dup2(in_, 0);
+    dup2(discardedOut_ >= 0 ? discardedOut_ : outWrite_, 1);
+    dup2(errWrite_, 2);
+  }
+
+  // In the parent: the read ends, which the drain thread closes.
+  int takeOutRead() { return take(&outRead_); }
+  int takeErrRead() { return take(&errRead_); }
+
+ private:
+  static int take(int* fd) {
+    int taken = *fd;
+    *fd = -1;
+    return taken;
+  }
+
+  int outRead_ = -1, outWrite_ = -1;
+  int errRead_ = -1, errWrite_ = -1;
+  int in_ = -1;
+  int discardedOut_ = -1;
+};
+
+// The child's side of start(), from fork() to execve(): async-signal-safe
+// calls only. Never returns.
+[[noreturn]] void execChild(const ExecArguments& exec, const ChildStreams& streams, pid_t parent, int binaryFd,
+                            const ChildOptions& options, int64_t* execAt) {
+  // The child dies with the test process, so that no daemon survives a
+  // crashed test.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(126);
+  sigset_t none;
+  sigemptyset(&none);
+  sigprocmask(SIG_SETMASK, &none, nullptr);
+  ::signal(SIGPIPE, SIG_DFL);
+  streams.install();
+  // A wrapper reaches the program through the same descriptor.
+  if (!options.wrapper.empty()) fcntl(binaryFd, F_SETFD, 0);
+  if (options.gid != static_cast<gid_t>(-1) && (setgroups(0, nullptr) != 0 || setgid(options.gid) != 0)) _exit(126);
+  if (options.uid != static_cast<uid_t>(-1) && setuid(options.uid) != 0) _exit(126);
+  if (execAt != nullptr) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    __atomic_store_n(execAt, static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec, __ATOMIC_RELEASE);
+  }
+  exec.exec();
+  _exit(126);
+}
+
+// The processor time fields of /proc/PID/stat (procfs::statFields).
+constexpr std::size_t kUtimeField = 13;
+constexpr std::size_t kStimeField = 14;
 
 }  // namespace
 
@@ -48,13 +166,7 @@ std::string describeWaitStatus(int status) {
 }
 
 ChildProcess::~ChildProcess() {
-  if (running()) {
-    kill(pid_, SIGKILL);
-    int status = 0;
-    while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-    }
-    reap(status);
-  }
+  if (running()) killAndReap();
   if (drainer_.joinable()) drainer_.join();
   if (pidFd_ >= 0) close(pidFd_);
   if (execAt_ != nullptr) munmap(execAt_, sizeof *execAt_);
@@ -70,86 +182,32 @@ bool ChildProcess::start(int binaryFd, const std::string& name, const std::vecto
     errno = EBUSY;
     return fail("already started");
   }
-
-  // Everything the child needs is built before fork(): between fork() and
-  // exec() it may only make async-signal-safe calls.
-  const std::vector<std::string>& environment = options.environment;
-  std::string path = "/proc/self/fd/" + std::to_string(binaryFd);
-  std::vector<std::string> argStrings = options.wrapper;
-  argStrings.push_back(options.wrapper.empty() ? name : path);
-  argStrings.insert(argStrings.end(), args.begin(), args.end());
-  std::string program = options.wrapper.empty() ? path : options.wrapper.front();
-  std::vector<std::string> envStrings;
-  for (char** e = environ; *e != nullptr; ++e) {
-    std::string entry = *e;
-    bool replaced = false;
-    for (const std::string& extra : environment) replaced = replaced || nameOf(extra) == nameOf(entry);
-    if (!replaced) envStrings.push_back(entry);
-  }
-  envStrings.insert(envStrings.end(), environment.begin(), environment.end());
-  std::vector<char*> argv;
-  for (std::string& a : argStrings) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::vector<char*> envp;
-  for (std::string& e : envStrings) envp.push_back(e.data());
-  envp.push_back(nullptr);
-
-  int outPipe[2], errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0) return fail("pipe");
-  if (pipe2(errPipe, O_CLOEXEC) != 0) {
-    close(outPipe[0]);
-    close(outPipe[1]);
-    return fail("pipe");
-  }
-  int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  int outNull = options.discardOut ? open("/dev/null", O_WRONLY | O_CLOEXEC) : -1;
-  pid_t parent = getpid();
+  ExecArguments exec(binaryFd, name, args, options);
+  ChildStreams streams;
+  if (!streams.open(options.discardOut)) return fail("pipe");
   void* shared = mmap(nullptr, sizeof *execAt_, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (shared != MAP_FAILED) execAt_ = static_cast<int64_t*>(shared);
 
+  pid_t parent = getpid();
   pid_t pid = fork();
-  if (pid < 0) {
-    for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1], devNull, outNull}) {
-      if (fd >= 0) close(fd);
-    }
-    return fail("fork");
-  }
-  if (pid == 0) {
-    // The child dies with the test process, so that no daemon survives a
-    // crashed test.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(126);
-    sigset_t none;
-    sigemptyset(&none);
-    sigprocmask(SIG_SETMASK, &none, nullptr);
-    ::signal(SIGPIPE, SIG_DFL);
-    if (devNull >= 0) dup2(devNull, 0);
-    dup2(outNull >= 0 ? outNull : outPipe[1], 1);
-    dup2(errPipe[1], 2);
-    // A wrapper reaches the program through the same descriptor.
-    if (!options.wrapper.empty()) fcntl(binaryFd, F_SETFD, 0);
-    if (options.gid != static_cast<gid_t>(-1) && (setgroups(0, nullptr) != 0 || setgid(options.gid) != 0)) _exit(126);
-    if (options.uid != static_cast<uid_t>(-1) && setuid(options.uid) != 0) _exit(126);
-    if (execAt_ != nullptr) {
-      struct timespec now;
-      clock_gettime(CLOCK_MONOTONIC, &now);
-      __atomic_store_n(execAt_, static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec, __ATOMIC_RELEASE);
-    }
-    execve(program.c_str(), argv.data(), envp.data());
-    _exit(126);
-  }
-  close(outPipe[1]);
-  close(errPipe[1]);
-  if (devNull >= 0) close(devNull);
-  if (outNull >= 0) close(outNull);
+  if (pid < 0) return fail("fork");
+  if (pid == 0) execChild(exec, streams, parent, binaryFd, options, execAt_);
   pid_ = pid;
   pidFd_ = openPidFd(pid);
   onOutput_ = options.onOutput;
-  drainer_ = std::thread(&ChildProcess::drain, this, outPipe[0], errPipe[0]);
+  drainer_ = std::thread(&ChildProcess::drain, this, streams.takeOutRead(), streams.takeErrRead());
   return true;
 }
 
 bool ChildProcess::signal(int signal) const { return running() && kill(pid_, signal) == 0; }
+
+void ChildProcess::killAndReap() {
+  kill(pid_, SIGKILL);
+  int status = 0;
+  while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
+  }
+  reap(status);
+}
 
 void ChildProcess::reap(int status) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -174,11 +232,7 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds timeout) {
   while (!poll()) {
     auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0) {
-      kill(pid_, SIGKILL);
-      int status = 0;
-      while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-      }
-      reap(status);
+      killAndReap();
       if (drainer_.joinable()) drainer_.join();
       return std::nullopt;
     }
@@ -254,19 +308,11 @@ bool ChildProcess::waitForErr(const std::string& needle, std::chrono::millisecon
 
 double ChildProcess::cpuSeconds() const {
   if (!running()) return -1;
-  std::ifstream file("/proc/" + std::to_string(pid_) + "/stat");
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  // The command name in parentheses may hold blanks: count fields after it.
-  std::size_t close = text.rfind(')');
-  if (close == std::string::npos) return -1;
-  std::istringstream fields(text.substr(close + 2));
-  std::string field;
-  unsigned long long utime = 0, stime = 0;
-  // Fields 3 to 13 precede utime (14) and stime (15).
-  for (int i = 3; i <= 13 && fields >> field; ++i) {
-  }
-  if (!(fields >> utime >> stime)) return -1;
-  return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
+  std::vector<std::string> fields = procfs::statFields(pid_);
+  if (fields.size() <= kStimeField) return -1;
+  unsigned long long ticks = std::strtoull(fields[kUtimeField].c_str(), nullptr, 10) +
+                             std::strtoull(fields[kStimeField].c_str(), nullptr, 10);
+  return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 std::optional<std::chrono::steady_clock::time_point> ChildProcess::execTime() const {
@@ -280,8 +326,8 @@ namespace {
 
 // True for an O_PATH descriptor, which names a file without opening it (a
 // program that checks what a path is before it opens it holds one).
-bool pathOnly(pid_t pid, const char* fd) {
-  std::ifstream info("/proc/" + std::to_string(pid) + "/fdinfo/" + fd);
+bool pathOnly(pid_t pid, int fd) {
+  std::ifstream info("/proc/" + std::to_string(pid) + "/fdinfo/" + std::to_string(fd));
   std::string key;
   unsigned long flags = 0;
   while (info >> key) {
@@ -294,20 +340,9 @@ bool pathOnly(pid_t pid, const char* fd) {
 
 bool waitUntilOpen(pid_t pid, const std::string& path, std::chrono::milliseconds timeout) {
   auto deadline = std::chrono::steady_clock::now() + timeout;
-  std::string fdDir = "/proc/" + std::to_string(pid) + "/fd";
   for (;;) {
-    if (DIR* dir = opendir(fdDir.c_str())) {
-      bool found = false;
-      while (dirent* entry = readdir(dir)) {
-        char target[4096];
-        std::string link = fdDir + "/" + entry->d_name;
-        ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-        if (n > 0 && std::string(target, static_cast<std::size_t>(n)) == path && !pathOnly(pid, entry->d_name)) {
-          found = true;
-        }
-      }
-      closedir(dir);
-      if (found) return true;
+    for (int fd : procfs::descriptorsOf(pid)) {
+      if (procfs::descriptorTarget(pid, fd) == path && !pathOnly(pid, fd)) return true;
     }
     if (std::chrono::steady_clock::now() >= deadline) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -87,6 +87,8 @@ class ChildProcess {
  private:
   void drain(int outFd, int errFd);
   bool waitForText(const std::string& needle, bool fromErr, std::chrono::milliseconds timeout) const;
+  // SIGKILL, and reaps the child.
+  void killAndReap();
   void reap(int status);
 
   pid_t pid_ = -1;

@@ -106,8 +106,6 @@ bool enter(std::string* whyNot) {
   return true;
 }
 
-bool active() { return entered; }
-
 bool inUserNamespace() {
   if (ownUserNamespace) return true;
   // Entered by whoever started us (unshare -Ur, as the cross tests do): the

@@ -17,9 +17,6 @@ namespace sandbox {
 // mounts are not available.
 bool enter(std::string* whyNot);
 
-// True once enter() has succeeded in this process.
-bool active();
-
 // True in a user namespace other than the initial one (the sandbox's own,
 // or one this process was started in): only a few ids exist there, so
 // nothing can run as an arbitrary other user.

@@ -1,6 +1,5 @@
 #include "harness/syslog_reader.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -51,24 +50,20 @@ bool SyslogReader::open(const std::string& path, std::string* whyNot) {
   path_ = path;
   // Anyone may log, whatever user the process watched runs as.
   chmod(path.c_str(), 0666);
-  int stop[2];
-  if (pipe2(stop, O_CLOEXEC) != 0) return fail("pipe");
-  stopRead_ = stop[0];
-  stopWrite_ = stop[1];
+  stop_ = std::make_unique<WakeUp>();
+  if (stop_->fd() < 0) return fail("pipe");
   thread_ = std::thread(&SyslogReader::drain, this);
   return true;
 }
 
 void SyslogReader::close() {
   if (thread_.joinable()) {
-    char byte = 1;
-    (void)!write(stopWrite_, &byte, 1);
+    stop_->trigger();
     thread_.join();
   }
-  for (int* fd : {&fd_, &stopRead_, &stopWrite_}) {
-    if (*fd >= 0) ::close(*fd);
-    *fd = -1;
-  }
+  stop_.reset();
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
   if (!path_.empty()) unlink(path_.c_str());
   path_.clear();
 }
@@ -79,7 +74,7 @@ void SyslogReader::drain() {
   mmsghdr messages[kBatch];
   alignas(cmsghdr) char control[kBatch][CMSG_SPACE(sizeof(ucred))];
   for (;;) {
-    pollfd fds[2] = {{fd_, POLLIN, 0}, {stopRead_, POLLIN, 0}};
+    pollfd fds[2] = {{fd_, POLLIN, 0}, {stop_->fd(), POLLIN, 0}};
     if (poll(fds, 2, -1) < 0) {
       if (errno == EINTR) continue;
       return;
@@ -124,11 +119,6 @@ void SyslogReader::drain() {
   }
 }
 
-std::vector<SyslogRecord> SyslogReader::records() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return std::vector<SyslogRecord>(records_.begin(), records_.end());
-}
-
 std::vector<SyslogLine> SyslogReader::lines(pid_t pid) const {
   std::vector<SyslogLine> result;
   std::lock_guard<std::mutex> lock(mutex_);
@@ -143,11 +133,6 @@ std::size_t SyslogReader::count(pid_t pid) const {
   std::size_t n = 0;
   for (const SyslogRecord& record : records_) n += record.pid == pid;
   return n;
-}
-
-void SyslogReader::clear() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  records_.clear();
 }
 
 bool SyslogReader::waitFor(pid_t pid, const std::function<bool(const std::vector<SyslogLine>&)>& done,

@@ -12,12 +12,14 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "messaging/wake_up.h"
 #include "peer/syslog_record.h"
 
 class SyslogReader {
@@ -36,11 +38,9 @@ class SyslogReader {
   // Takes what is queued, stops draining, closes and removes the socket.
   void close();
 
-  std::vector<SyslogRecord> records() const;
   // The lines that `pid` has sent so far.
   std::vector<SyslogLine> lines(pid_t pid) const;
   std::size_t count(pid_t pid) const;
-  void clear();
   // Returns once every datagram queued before the call has been collected
   // (a marker sent now comes back through the queue).
   bool flush(std::chrono::milliseconds timeout);
@@ -52,8 +52,8 @@ class SyslogReader {
   void drain();
 
   int fd_ = -1;
-  int stopRead_ = -1;
-  int stopWrite_ = -1;
+  // Ends the drain; one per open(), since a wake-up stays triggered.
+  std::unique_ptr<WakeUp> stop_;
   std::string path_;
   std::thread thread_;
   std::function<void(const SyslogRecord&)> callback_;

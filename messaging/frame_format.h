@@ -30,6 +30,11 @@ constexpr int32_t kMessageVersion = 1;
 constexpr uint32_t kFrameLengthSize = 4;
 constexpr uint32_t kMaxPayloadLength = 65536;
 
+// Whether a reader takes a frame whose length prefix says `length`. A
+// refused length comes alone: the reader takes the bytes after it as the
+// next length, since nothing marks where the next frame begins.
+constexpr bool isAcceptedPayloadLength(uint32_t length) { return length >= 1 && length <= kMaxPayloadLength; }
+
 // Offsets in the payload.
 constexpr std::size_t kVersionOffset = 0;
 constexpr std::size_t kSenderOffset = 4;
@@ -46,5 +51,11 @@ constexpr uint32_t kHeaderSize = 44;
 // The largest frame; a reader that takes this much at once can hold a whole
 // frame, or many small ones.
 constexpr std::size_t kMaxFrameSize = kFrameLengthSize + kMaxPayloadLength;
+
+// The largest block that a frame carries as its only argument (a
+// calibration block): the payload less the header and the block's own
+// 4-byte length.
+constexpr uint32_t kLargestCalibrationBlock = kMaxPayloadLength - kHeaderSize - 4;
+static_assert(kLargestCalibrationBlock == 65488, "the figure that dravikctl's man page and the benchmark quote");
 
 #endif  // DRAVIK_MESSAGING_FRAME_FORMAT_H_

@@ -11,7 +11,12 @@
 // (the notification that answers a request).
 //
 // The daemon itself does not speak text; other programs of the camera link
-// this framework and set textNotificationFifo.
+// this framework and set textNotificationFifo. It rides on the same
+// endpoints as the binary transport (fifo.h): InputFifo::getMessage() is the
+// stream check, one std::getline and parseTextLine(); when the stream is not
+// good it returns notGoodResult<Message>() (never null, never a message,
+// compared by value), as the binary reader does, but clears the stream's
+// state, so that its caller can wait and read again once a writer is back.
 #ifndef DRAVIK_MESSAGING_TEXT_MESSAGE_H_
 #define DRAVIK_MESSAGING_TEXT_MESSAGE_H_
 
@@ -36,7 +41,9 @@ class Message {
   virtual void Process();
   // Sets id and timestamp from the text between "[" and "]" of a received
   // line: a signed decimal id, then an unsigned decimal millisecond count.
-  // What is missing or unreadable stays "none" (id -1, seconds 0).
+  // What is missing or unreadable stays "none" (id -1, seconds 0); an id
+  // outside the signed 32-bit range is unreadable, and so is the time after
+  // it. The time is read like every text timestamp (timestamp.h).
   virtual void parseHeader(const char* text);
   // The selector name put on the line.
   virtual const char* getSelector() const = 0;
@@ -45,8 +52,10 @@ class Message {
   virtual std::istream& fromStream(std::istream& in);
   // Writes the line without its end of line: the header and the selector.
   // A class with arguments calls this first, then writes them in the order
-  // fromStream reads them; they must not contain a newline. A null selector
-  // writes nothing for it and sets the bad bit of `out`.
+  // fromStream reads them; they must not contain a newline, since readers
+  // split at newlines. A null selector writes nothing for it and sets the
+  // bad bit of `out`: the header still goes out, and the receiver reports
+  // the line as unrecognized.
   virtual std::ostream& toStream(std::ostream& out) const;
 
   int32_t id;            // -1: no id
@@ -88,8 +97,9 @@ class Response : public Notification {
   const Request* request;
 };
 
-// The last id handed out; messages are numbered from 1. Atomic, so that
-// messages may be built on any thread.
+// The last id handed out; messages are numbered from 1. Atomic, advanced
+// with a relaxed fetch_add like the binary lastId, so that messages may be
+// built on any thread; it costs nothing on one.
 extern std::atomic<int32_t> textLastId;
 
 // Where Notification::Process() and Request::Process() send (not owned).
@@ -118,12 +128,21 @@ void registerTextSelector(const char* name, MessageFactory factory);
 Message* createTextMessage(const std::string& name, const std::string& header);
 
 // Builds the message of one received line (without its end of line), as
-// InputFifo::getMessage() does after reading it: null for an empty line or
-// an unregistered selector (reported on standard error); a message older
-// than 100 ms is reported on standard error and returned all the same.
+// InputFifo::getMessage() does after reading it (and the fuzz target
+// directly): null for an empty line or an unregistered selector (reported
+// on standard error); a message older than 100 ms is reported on standard
+// error and returned all the same. The delay is (now - sent) in
+// milliseconds, truncated toward zero, in 64-bit arithmetic: 32 bits would
+// wrap beyond about 24.8 days either way, where this reports the true
+// delay. A line whose seconds are 0 (no header, an id alone, fewer than
+// 1000 ms) carries no time and is never reported; a time in the future
+// gives a negative delay and no report.
 Message* parseTextLine(const std::string& line);
 
-// Serialises every text send of the process (never the binary senders').
+// Serialises every text send of the process (never the binary senders'):
+// held from before the line is built until it has been flushed, across the
+// endpoint's open() and the drop report. Never destroyed, so that a send
+// during exit still finds it.
 std::mutex& textSendMutex();
 
 // Registers a class from a static initialiser:

@@ -3,6 +3,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <cassert>
 #include <istream>
 
 #include "messaging/binary_stream.h"
@@ -19,7 +20,7 @@ using catalogue::Flow;
 // Reads one argument. Numbers go through the library's decoders; the
 // length of a string or block is checked here, so that a length no reader
 // accepts is a decoding error of the frame rather than a console line.
-bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Value* value, std::string* error) {
+bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Value* value, std::string* whyNot) {
   uint32_t length = 0;
   uint32_t limit = 0;
   switch (arg.type) {
@@ -48,7 +49,7 @@ bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Val
       break;
   }
   if (length > limit) {
-    *error = std::string(arg.type == ArgType::string ? "string " : "byteArray ") + arg.name + " of " +
+    *whyNot = std::string(arg.type == ArgType::string ? "string " : "byteArray ") + arg.name + " of " +
              std::to_string(length) + " bytes is refused by readers";
     return false;
   }
@@ -57,10 +58,90 @@ bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Val
   return true;
 }
 
+// The entry of a class that the program names itself: a name that the
+// catalogue does not know is a fault of the caller.
+const Entry& entryNamed(const std::string& className) {
+  const Entry* entry = catalogue::byName(className);
+  assert(entry != nullptr && "a class name that the catalogue does not know");
+  return *entry;
+}
+
+// Reads the length and the header of `frame` into `result`, leaving `in`
+// at the arguments. The payload's size, or 0 when the frame has no whole
+// header of the supported version (the reason in result->error).
+std::size_t readHeader(const std::string& frame, MemoryInputBuffer& buffer, bistream& in, DecodedFrame* result) {
+  if (frame.size() < kFrameLengthSize) {
+    result->error = "frame ends after " + std::to_string(frame.size()) + " bytes of its length";
+    return 0;
+  }
+  uint32_t length = 0;
+  in >> length;
+  if (!isAcceptedPayloadLength(length)) {
+    result->error = "invalid frame length " + std::to_string(length);
+    return 0;
+  }
+  std::size_t present = frame.size() - kFrameLengthSize;
+  if (present < length) {
+    result->error = "truncated frame: " + std::to_string(present) + " of " + std::to_string(length) + " payload bytes";
+  }
+  std::size_t size = present < length ? present : length;
+  if (size < kHeaderSize) {
+    if (result->error.empty()) {
+      result->error = "payload of " + std::to_string(size) + " bytes is shorter than the header";
+    }
+    return 0;
+  }
+  buffer.reset(frame.data() + kFrameLengthSize, size);
+  FrameHeader& h = result->header;
+  in >> h.version >> h.sender >> h.recipient >> h.id >> h.correlationId >> h.timestamp >> h.selector >>
+      h.responseSelector >> h.flags >> h.argsLength;
+  result->hasHeader = true;
+  if (!result->error.empty()) return 0;
+  if (h.version != kMessageVersion) {
+    result->error = "unsupported version " + std::to_string(h.version);
+    return 0;
+  }
+  return size;
+}
+
+// The class of a frame by its header; null when the catalogue has none.
+// `in` stays at the arguments.
+const Entry* classOf(const FrameHeader& h, Flow flow, std::size_t argumentBytes, bistream& in, std::istream& payload) {
+  const Entry* entry = catalogue::classify(h.selector, flow, h.recipient, h.responseSelector);
+  if (entry == nullptr && flow == Flow::out && h.correlationId != 0 && argumentBytes >= 2) {
+    // A response whose requester chose its own response selector.
+    uint16_t n = 0;
+    in >> n;
+    if (n <= kMaxStringLength && argumentBytes == 2u + n) entry = &entryNamed("GetAnalyticsFilterDataResponse");
+    payload.seekg(kHeaderSize);
+  }
+  return entry;
+}
+
+// The arguments of `entry` into result->args. False, with the reason in
+// result->error and no arguments, when they are refused or cut short.
+bool readArgs(const Entry& entry, bistream& in, std::istream& payload, DecodedFrame* result) {
+  for (const catalogue::Arg& arg : entry.args) {
+    Value value(0);
+    std::string whyNot;
+    if (!readArg(in, payload, arg, &value, &whyNot)) {
+      result->error = std::string(entry.name) + ": " + whyNot;
+    } else if (!payload) {
+      result->error = std::string(entry.name) + ": frame ends inside argument " + arg.name;
+    } else {
+      result->args.push_back(std::move(value));
+      continue;
+    }
+    result->args.clear();
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 CatalogueMessage::CatalogueMessage(const std::string& className, std::vector<Value> values)
-    : CatalogueMessage(*catalogue::byName(className), std::move(values)) {}
+    : CatalogueMessage(entryNamed(className), std::move(values)) {}
 
 CatalogueMessage::CatalogueMessage(const catalogue::Entry& entryValue, std::vector<Value> valuesIn)
     : entry(entryValue), values(std::move(valuesIn)) {
@@ -103,48 +184,14 @@ const Value* DecodedFrame::arg(const std::string& name) const {
 DecodedFrame decodeFrame(const std::string& frame, Flow flow) {
   DecodedFrame result;
   result.raw = frame;
-  if (frame.size() < kFrameLengthSize) {
-    result.error = "frame ends after " + std::to_string(frame.size()) + " bytes of its length";
-    return result;
-  }
   MemoryInputBuffer buffer(frame.data(), frame.size());
   std::istream payload(&buffer);
   bistream in(payload);
-  uint32_t length = 0;
-  in >> length;
-  if (length == 0 || length > kMaxPayloadLength) {
-    result.error = "invalid frame length " + std::to_string(length);
-    return result;
-  }
-  std::size_t present = frame.size() - kFrameLengthSize;
-  if (present < length) {
-    result.error = "truncated frame: " + std::to_string(present) + " of " + std::to_string(length) + " payload bytes";
-  }
-  std::size_t size = present < length ? present : length;
-  if (size < kHeaderSize) {
-    if (result.error.empty()) result.error = "payload of " + std::to_string(size) + " bytes is shorter than the header";
-    return result;
-  }
-  buffer.reset(frame.data() + kFrameLengthSize, size);
-  FrameHeader& h = result.header;
-  in >> h.version >> h.sender >> h.recipient >> h.id >> h.correlationId >> h.timestamp >> h.selector >>
-      h.responseSelector >> h.flags >> h.argsLength;
-  result.hasHeader = true;
-  if (!result.error.empty()) return result;
-  if (h.version != kMessageVersion) {
-    result.error = "unsupported version " + std::to_string(h.version);
-    return result;
-  }
-
+  std::size_t size = readHeader(frame, buffer, in, &result);
+  if (size == 0) return result;
+  const FrameHeader& h = result.header;
   std::size_t argumentBytes = size - kHeaderSize;
-  const Entry* entry = catalogue::classify(h.selector, flow, h.recipient, h.responseSelector);
-  if (entry == nullptr && flow == Flow::out && h.correlationId != 0 && argumentBytes >= 2) {
-    // A response whose requester chose its own response selector.
-    uint16_t n = 0;
-    in >> n;
-    if (n <= kMaxStringLength && argumentBytes == 2u + n) entry = catalogue::byName("GetAnalyticsFilterDataResponse");
-    payload.seekg(kHeaderSize);
-  }
+  const Entry* entry = classOf(h, flow, argumentBytes, in, payload);
   if (entry == nullptr) {
     result.error = "unknown selector " + std::to_string(h.selector);
     return result;
@@ -156,21 +203,7 @@ DecodedFrame decodeFrame(const std::string& frame, Flow flow) {
   // The service builds a 2046 that arrives from its header alone, so a
   // sender may leave its arguments out.
   bool optional = flow == Flow::in && h.selector == kSetCalibrationDataSelector && argumentBytes == 0;
-  for (std::size_t i = 0; i < entry->args.size() && !optional; ++i) {
-    Value value(0);
-    std::string error;
-    if (!readArg(in, payload, entry->args[i], &value, &error)) {
-      result.error = std::string(entry->name) + ": " + error;
-      result.args.clear();
-      return result;
-    }
-    if (!payload) {
-      result.error = std::string(entry->name) + ": frame ends inside argument " + entry->args[i].name;
-      result.args.clear();
-      return result;
-    }
-    result.args.push_back(std::move(value));
-  }
+  if (!optional && !readArgs(*entry, in, payload, &result)) return result;
   std::streamsize rest = payload.rdbuf()->in_avail();
   if (rest > 0) result.notes.push_back(std::to_string(rest) + " bytes after the arguments");
   result.entry = entry;

@@ -20,6 +20,10 @@
 
 namespace peer {
 
+// The endpoint number that a tool signs with when it plays no endpoint of
+// the camera.
+constexpr int32_t kToolEndpoint = 100;
+
 // One argument: a number (int32, uint32) or bytes (string, block).
 struct Value {
   Value(int64_t n) : number(n) {}  // NOLINT: a table of values reads better without casts

@@ -18,20 +18,36 @@
 namespace peer {
 namespace {
 
-std::string openFailure(const std::string& path, int error) {
-  switch (error) {
+std::string openFailure(const std::string& path, int errorNumber) {
+  switch (errorNumber) {
     case ENOENT:
       return "no pipe at " + path + " (is the service running?)";
     case ENXIO:
       return "no daemon is reading " + path;
     default:
-      return "cannot open " + path + ": " + std::strerror(error);
+      return "cannot open " + path + ": " + std::strerror(errorNumber);
   }
 }
 
 bool isFifo(int fd) {
   struct stat info;
   return fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode);
+}
+
+// Opens the named pipe at `path` without waiting (O_NONBLOCK); -1, with the
+// reason, when it is missing, has no reader (a writer's open) or is no pipe.
+int openPipe(const std::string& path, int access, std::string* whyNot) {
+  int fd = ::open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) {
+    *whyNot = openFailure(path, errno);
+    return -1;
+  }
+  if (!isFifo(fd)) {
+    ::close(fd);
+    *whyNot = path + " is not a named pipe";
+    return -1;
+  }
+  return fd;
 }
 
 int64_t nanosecondsUntil(const struct timespec& at) {
@@ -70,32 +86,21 @@ int Deadline::pollTimeout() const {
 
 MailboxWriter::~MailboxWriter() { close(); }
 
-bool MailboxWriter::open(const std::string& path, std::string* error) {
+bool MailboxWriter::open(const std::string& path, std::string* whyNot) {
   close();
   path_ = path;
-  // O_NONBLOCK: a FIFO without a reader fails at once with ENXIO instead
-  // of waiting for one.
-  int fd = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    *error = openFailure(path, errno);
-    return false;
-  }
-  if (!isFifo(fd)) {
-    ::close(fd);
-    *error = path + " is not a named pipe";
-    return false;
-  }
-  fd_ = fd;
-  return true;
+  // Without waiting: a FIFO without a reader fails at once with ENXIO.
+  fd_ = openPipe(path, O_WRONLY, whyNot);
+  return fd_ >= 0;
 }
 
-bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, std::string* error) {
-  return write(frame.data(), frame.size(), deadline, error);
+bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, std::string* whyNot) {
+  return write(frame.data(), frame.size(), deadline, whyNot);
 }
 
-bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& deadline, std::string* error) {
+bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& deadline, std::string* whyNot) {
   if (fd_ < 0) {
-    *error = "no daemon is reading " + path_;
+    *whyNot = "no daemon is reading " + path_;
     return false;
   }
   std::size_t done = 0;
@@ -108,23 +113,23 @@ bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& de
     if (n < 0 && errno == EINTR) continue;
     if (n < 0 && errno == EPIPE) {
       close();
-      *error = "the service stopped reading " + path_;
+      *whyNot = "the service stopped reading " + path_;
       return false;
     }
     if (n < 0 && errno != EAGAIN) {
-      *error = "cannot write to " + path_ + ": " + std::strerror(errno);
+      *whyNot = "cannot write to " + path_ + ": " + std::strerror(errno);
       return false;
     }
     struct pollfd p = {fd_, POLLOUT, 0};
     int ready = poll(&p, 1, deadline.pollTimeout());
     if (ready < 0 && errno == EINTR) continue;
     if (ready == 0) {
-      *error = "the service is not taking messages from " + path_ + " (pipe full";
-      *error += done != 0 ? ", frame cut short)" : ")";
+      *whyNot = "the service is not taking messages from " + path_ + " (pipe full";
+      *whyNot += done != 0 ? ", frame cut short)" : ")";
       return false;
     }
     if (ready < 0) {
-      *error = "cannot wait for " + path_ + ": " + std::strerror(errno);
+      *whyNot = "cannot wait for " + path_ + ": " + std::strerror(errno);
       return false;
     }
   }
@@ -140,18 +145,10 @@ FrameReader::~FrameReader() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-bool FrameReader::open(const std::string& path, std::string* error) {
+bool FrameReader::open(const std::string& path, std::string* whyNot) {
   path_ = path;
-  int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) {
-    *error = openFailure(path, errno);
-    return false;
-  }
-  if (!isFifo(fd)) {
-    ::close(fd);
-    *error = path + " is not a named pipe";
-    return false;
-  }
+  int fd = openPipe(path, O_RDONLY, whyNot);
+  if (fd < 0) return false;
   if (fd_ >= 0) ::close(fd_);
   fd_ = fd;
   return true;
@@ -160,10 +157,10 @@ bool FrameReader::open(const std::string& path, std::string* error) {
 // A FIFO whose writers have all gone reports a hangup for ever; a fresh
 // descriptor waits for the next writer instead. It is opened before the old
 // one closes, so that the pipe keeps a reader and loses nothing.
-bool FrameReader::reopen(std::string* error) {
+bool FrameReader::reopen(std::string* whyNot) {
   int old = fd_;
   fd_ = -1;
-  bool ok = open(path_, error);
+  bool ok = open(path_, whyNot);
   if (old >= 0) ::close(old);
   return ok;
 }
@@ -182,7 +179,7 @@ bool FrameAssembler::next(std::string* frame) {
   bistream(prefixStream_) >> length;
   // A refused length gives no way to find the next frame: as the service's
   // own reader does, take the following bytes as the next length.
-  std::size_t size = (length == 0 || length > kMaxPayloadLength) ? kFrameLengthSize : kFrameLengthSize + length;
+  std::size_t size = isAcceptedPayloadLength(length) ? kFrameLengthSize + length : kFrameLengthSize;
   if (buffer_.size() - start_ < size) return false;
   frame->assign(buffer_, start_, size);
   start_ += size;
@@ -196,7 +193,7 @@ std::string FrameAssembler::takeRest() {
   return rest;
 }
 
-FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* error) {
+FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* whyNot) {
   if (goneToReport_) {
     goneToReport_ = false;
     return Event::writersGone;
@@ -204,14 +201,14 @@ FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadlin
   for (;;) {
     if (frames_.next(frame)) return Event::frame;
     if (fd_ < 0) {
-      *error = "no pipe open";
+      *whyNot = "no pipe open";
       return Event::failed;
     }
     struct pollfd fds[2] = {{fd_, POLLIN, 0}, {wakeFd, POLLIN, 0}};
     int ready = poll(fds, wakeFd >= 0 ? 2 : 1, deadline.pollTimeout());
     if (ready < 0) {
       if (errno == EINTR) continue;
-      *error = std::string("cannot wait for ") + path_ + ": " + std::strerror(errno);
+      *whyNot = std::string("cannot wait for ") + path_ + ": " + std::strerror(errno);
       return Event::failed;
     }
     if (ready == 0) return Event::timeout;
@@ -224,10 +221,10 @@ FrameReader::Event FrameReader::next(std::string* frame, const Deadline& deadlin
       }
       if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
       if (n < 0) {
-        *error = std::string("cannot read ") + path_ + ": " + std::strerror(errno);
+        *whyNot = std::string("cannot read ") + path_ + ": " + std::strerror(errno);
         return Event::failed;
       }
-      if (!reopen(error)) return Event::failed;
+      if (!reopen(whyNot)) return Event::failed;
       if (!frames_.empty()) {
         // The writer went in the middle of a frame: show what came of it.
         *frame = frames_.takeRest();

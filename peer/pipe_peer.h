@@ -37,17 +37,17 @@ class MailboxWriter {
   MailboxWriter(const MailboxWriter&) = delete;
   MailboxWriter& operator=(const MailboxWriter&) = delete;
 
-  // Opens `path` without waiting. False, with a one-line reason in `error`,
+  // Opens `path` without waiting. False, with a one-line reason in `whyNot`,
   // when the pipe is missing, is no pipe, or has no reader (no daemon).
-  bool open(const std::string& path, std::string* error);
+  bool open(const std::string& path, std::string* whyNot);
   bool isOpen() const { return fd_ >= 0; }
   // Writes the whole frame, waiting while the pipe is full, but not past
-  // `deadline`. False with the reason in `error`; a reader that has gone
+  // `deadline`. False with the reason in `whyNot`; a reader that has gone
   // closes the writer.
-  bool write(const std::string& frame, const Deadline& deadline, std::string* error);
+  bool write(const std::string& frame, const Deadline& deadline, std::string* whyNot);
   // The same for `size` bytes at `data`: a part of a larger buffer, or
   // several frames at once.
-  bool write(const char* data, std::size_t size, const Deadline& deadline, std::string* error);
+  bool write(const char* data, std::size_t size, const Deadline& deadline, std::string* whyNot);
   void close();
 
  private:
@@ -86,7 +86,7 @@ class FrameReader {
     timeout,      // the deadline passed
     woken,        // the wake descriptor turned readable
     writersGone,  // every writer closed the pipe (the service stopped)
-    failed,       // reading failed; the reason is in `error`
+    failed,       // reading failed; the reason is in `whyNot`
   };
 
   FrameReader() = default;
@@ -96,7 +96,7 @@ class FrameReader {
 
   // Opens `path` for reading without waiting for a writer. False with a
   // one-line reason when the pipe is missing or is no pipe.
-  bool open(const std::string& path, std::string* error);
+  bool open(const std::string& path, std::string* whyNot);
 
   // Waits for the next frame until `deadline`, or until `wakeFd` (if not
   // negative) is readable. A frame is the 4-byte length and its payload; a
@@ -104,10 +104,10 @@ class FrameReader {
   // next frame is read from the bytes after it; a frame cut short by the
   // writers' going comes with what there was of it. After writersGone the
   // reader waits for the next writer.
-  Event next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* error);
+  Event next(std::string* frame, const Deadline& deadline, int wakeFd, std::string* whyNot);
 
  private:
-  bool reopen(std::string* error);
+  bool reopen(std::string* whyNot);
 
   int fd_ = -1;
   std::string path_;

@@ -16,6 +16,8 @@ extern std::string pendingFilterFiles[kChannelCount];
 // Forwards the file name to endpoint 2 and remembers it for the channel.
 // A channel outside 0 to 3 is refused: it has no entry to remember it in.
 void SetAnalyticsFilterData(int32_t channel, const std::string& fileName);
+// The forwarding itself, unchecked: the channel indexes pendingFilterFiles.
+// REQUIRES: 0 <= channel < kChannelCount.
 void SendAnalyticsFilterDataNotification(int32_t channel, const std::string& fileName);
 
 // On status 0 moves the pending file of the channel into the store.

@@ -1,7 +1,10 @@
 // The fourteen message classes the service speaks (catalogue.h lists them
-// with their arguments). Incoming classes run a store or factory-reset
-// handler in Process(); outgoing classes are built, filled and sent by the
-// handlers.
+// with their arguments and holds their selectors). Incoming classes run a
+// store or factory-reset handler in Process(); outgoing classes are built,
+// filled and sent by the handlers. Their encoders and decoders are in
+// service_messages.cc; the line above each class says where the rest of it
+// is: where its selector is registered for the mailbox's reader, and where
+// its work is done or it is sent.
 #ifndef DRAVIK_STORE_SERVICE_MESSAGES_H_
 #define DRAVIK_STORE_SERVICE_MESSAGES_H_
 
@@ -19,30 +22,35 @@ class ChannelCommand : public BinaryCommand {
   int32_t channel = 0;
 };
 
+// Registered in service/service_api.cc; Process() is in service/factory_reset.cc.
 class RestoreFactoryAllSettingsCommand : public BinaryCommand {
  public:
   void Process() override;
   int32_t getSelector() const override { return kRestoreFactoryAllSettingsSelector; }
 };
 
+// Registered in service/service_api.cc; Process() is in service/factory_reset.cc.
 class RestoreFactoryVirtualCameraSettingsCommand : public ChannelCommand {
  public:
   void Process() override;
   int32_t getSelector() const override { return kRestoreFactoryVirtualCameraSettingsSelector; }
 };
 
+// Registered in service/service_api.cc; Process() runs ResetChannelCalibration (calibration_store.cc).
 class ResetCalibrationCommand : public ChannelCommand {
  public:
   void Process() override;
   int32_t getSelector() const override { return kResetCalibrationSelector; }
 };
 
+// Registered in service/service_api.cc; Process() runs ResetChannelFilter (analytics_filter_store.cc).
 class RestoreFactoryFilterCommand : public ChannelCommand {
  public:
   void Process() override;
   int32_t getSelector() const override { return kRestoreFactoryFilterSelector; }
 };
 
+// Registered in analytics_filter_store.cc; Process() runs SetAnalyticsFilterData there.
 class SetAnalyticsFilterDataCommand : public BinaryCommand {
  public:
   void Process() override;
@@ -53,6 +61,7 @@ class SetAnalyticsFilterDataCommand : public BinaryCommand {
   std::string fileName;
 };
 
+// Registered in service/service_api.cc; Process() runs SaveAnalyticsFilterFile (analytics_filter_store.cc).
 class SaveAnalyticsFilterDataCommand : public BinaryCommand {
  public:
   void Process() override;
@@ -65,6 +74,7 @@ class SaveAnalyticsFilterDataCommand : public BinaryCommand {
 
 // Answered with the path of the channel's filter file; the answer is
 // computed while the response is encoded.
+// Registered in analytics_filter_store.cc; the answer is GetAnalyticsFilterData's, there.
 class GetAnalyticsFilterDataRequest : public BinaryRequest {
  public:
   int32_t getSelector() const override { return kGetAnalyticsFilterDataSelector; }
@@ -75,7 +85,8 @@ class GetAnalyticsFilterDataRequest : public BinaryRequest {
 };
 
 // The engine's answer to a calibration request; correlationId names the
-// request. Process() stores the block (calibration store).
+// request. Process() stores the block.
+// Registered in service/service_api.cc; Process() is in calibration_store.cc.
 class CalibrationDataResponse : public BinaryCommand {
  public:
   void Process() override;
@@ -84,6 +95,7 @@ class CalibrationDataResponse : public BinaryCommand {
   byteArray calibrationData;
 };
 
+// Sent by SendZekCalibrationRequest (calibration_store.cc).
 class GetCalibrationDataChangeNotification : public BinaryNotification {
  public:
   int32_t getSelector() const override { return kGetCalibrationDataChangeSelector; }
@@ -93,6 +105,7 @@ class GetCalibrationDataChangeNotification : public BinaryNotification {
 
 // Sent at start-up with a stored block. Also accepted on the mailbox, where
 // only its header is decoded and it is sent straight on.
+// Sent by RestoreZekCalibrationData (calibration_store.cc); registered in service/service_api.cc.
 class SetCalibrationDataNotification : public BinaryNotification {
  public:
   int32_t getSelector() const override { return kSetCalibrationDataSelector; }
@@ -102,6 +115,7 @@ class SetCalibrationDataNotification : public BinaryNotification {
   bool fileFound = false;  // not on the wire
 };
 
+// Sent by ResetChannelCalibration (calibration_store.cc).
 class ResetCalibrationNotification : public BinaryNotification {
  public:
   int32_t getSelector() const override { return kResetCalibrationSelector; }
@@ -109,6 +123,7 @@ class ResetCalibrationNotification : public BinaryNotification {
   int32_t channel = 0;
 };
 
+// Sent by ResetChannelFilter (analytics_filter_store.cc).
 class RestoreFactoryFilterNotification : public BinaryNotification {
  public:
   int32_t getSelector() const override { return kRestoreFactoryFilterSelector; }
@@ -125,8 +140,10 @@ class FilterPathNotification : public BinaryNotification {
   std::string fileName;
 };
 
+// Sent by SendAnalyticsFilterDataNotification (analytics_filter_store.cc).
 class SetAnalyticsFilterDataNotification : public FilterPathNotification {};
 
+// Sent by RestoreZekAnalyticsFilter (analytics_filter_store.cc).
 class RestoreAnalyticsFilterNotification : public FilterPathNotification {
  public:
   bool fileFound = false;  // not on the wire

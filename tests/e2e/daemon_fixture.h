@@ -13,14 +13,16 @@
 #include <string>
 #include <vector>
 
+#include "harness/child_process.h"
+#include "harness/syslog_reader.h"
+#include "peer/pipe_peer.h"
+#include "store/service_paths.h"
 #include "tests/support/capture.h"
 #include "tests/support/pipes.h"
-#include "harness/child_process.h"
-#include "peer/pipe_peer.h"
-#include "harness/syslog_reader.h"
 
-constexpr const char* kMailbox = "/tmp/dravik.mailbox";
-constexpr const char* kComm = "/tmp/comm.mailbox";
+// The daemon's two pipes, by the short names the tests use.
+constexpr const char* kMailbox = kCommandFifoPath;
+constexpr const char* kComm = kNotificationFifoPath;
 // Only a guard against a hung test; no test relies on it.
 constexpr std::chrono::milliseconds kGuard{10000};
 

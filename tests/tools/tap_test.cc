@@ -18,14 +18,16 @@
 #include <string>
 #include <vector>
 
-#include "messaging/binary_fifo.h"
-#include "tests/support/wire.h"
-#include "tests/support/store_files.h"
 #include "harness/child_process.h"
 #include "harness/sandbox.h"
+#include "harness/syslog_reader.h"
+#include "messaging/binary_fifo.h"
 #include "peer/frame_codec.h"
 #include "peer/pipe_peer.h"
-#include "harness/syslog_reader.h"
+#include "procfs/procfs.h"
+#include "store/service_paths.h"
+#include "tests/support/store_files.h"
+#include "tests/support/wire.h"
 
 namespace {
 
@@ -49,10 +51,10 @@ class TapTest : public ::testing::Test {
     std::string why;
     ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
     ASSERT_TRUE(daemon_.start(gDaemon, "dravik", {"-s", "3600"}, {}, &why)) << why;
-    ASSERT_TRUE(waitUntilOpen(daemon_.pid(), "/tmp/dravik.mailbox", 5s));
-    ASSERT_TRUE(consumer_.start(gCat, "cat", {"/tmp/comm.mailbox"}, {}, &why)) << why;
-    ASSERT_TRUE(waitUntilOpen(consumer_.pid(), "/tmp/comm.mailbox", 5s));
-    ASSERT_TRUE(client_.open("/tmp/dravik.mailbox", &why)) << why;
+    ASSERT_TRUE(waitUntilOpen(daemon_.pid(), kCommandFifoPath, 5s));
+    ASSERT_TRUE(consumer_.start(gCat, "cat", {kNotificationFifoPath}, {}, &why)) << why;
+    ASSERT_TRUE(waitUntilOpen(consumer_.pid(), kNotificationFifoPath, 5s));
+    ASSERT_TRUE(client_.open(kCommandFifoPath, &why)) << why;
   }
 
   void run(ChildProcess& ctl, std::vector<std::string> args, bool tap = true) {
@@ -113,13 +115,12 @@ class TapTest : public ::testing::Test {
     }
   }
 
+  // Neither stopped nor traced, and answering.
   void expectDaemonRuns() {
-    std::string status = "/proc/" + std::to_string(daemon_.pid()) + "/status";
-    std::ifstream file(status);
-    std::string all((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    EXPECT_EQ(all.find("State:\tt"), std::string::npos) << all;
-    EXPECT_EQ(all.find("State:\tT"), std::string::npos) << all;
-    EXPECT_NE(all.find("TracerPid:\t0\n"), std::string::npos) << all;
+    std::string status = procfs::path(daemon_.pid(), "status");
+    std::string state = procfs::field(status, "State");
+    EXPECT_TRUE(state.rfind("t ", 0) != 0 && state.rfind("T ", 0) != 0) << state;
+    EXPECT_EQ(procfs::field(status, "TracerPid"), "0");
     roundTrip();
   }
 
@@ -223,8 +224,7 @@ TEST_F(TapTest, DaemonOutlivesAKilledTool) {
 }
 
 TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
-  std::string comm;
-  std::ifstream("/proc/" + std::to_string(consumer_.pid()) + "/comm") >> comm;
+  std::string comm = procfs::firstLine(procfs::path(consumer_.pid(), "comm"));
   const std::string reader = "process " + std::to_string(consumer_.pid()) + " (" + comm + ") reads /tmp/comm.mailbox";
   const struct {
     std::vector<std::string> args;

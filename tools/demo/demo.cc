@@ -29,58 +29,58 @@
 #include <thread>
 #include <vector>
 
-#include "messaging/binary_fifo.h"
-#include "store/store_layout.h"
-#include "tools/dravikctl/frame_printer.h"
+#include "conversation/frame_printer.h"
 #include "harness/child_process.h"
 #include "harness/faketime.h"
 #include "harness/sandbox.h"
+#include "harness/syslog_reader.h"
+#include "messaging/binary_fifo.h"
 #include "peer/frame_codec.h"
 #include "peer/pipe_peer.h"
-#include "harness/syslog_reader.h"
+#include "store/service_paths.h"
+#include "store/store_layout.h"
 
 namespace {
 
-using std::chrono::seconds;
+using Seconds = std::chrono::seconds;
 
-constexpr const char* kMailbox = "/tmp/dravik.mailbox";
-constexpr const char* kNotifications = "/tmp/comm.mailbox";
 // On the store's file system, so that the daemon can rename a filter into it.
 constexpr const char* kIncoming = "/etc/sysconfig/dravik/incoming/";
 constexpr int kSpeedUp = 200;
 
 std::mutex printing;
-auto started = std::chrono::steady_clock::now();
+const auto demoStart = std::chrono::steady_clock::now();
 
-// One line of the transcript as it is, then one stamped now.
-void emit(const std::string& text) {
+// One line of the transcript as it is.
+void printTranscriptLine(const std::string& text) {
   std::lock_guard<std::mutex> lock(printing);
   std::printf("%s\n", text.c_str());
   std::fflush(stdout);
 }
 
-void line(const std::string& source, const std::string& text) {
-  emit(dravikctl::timeOfDay(dravikctl::wallClock()) + " " + source + " " + text);
+// One line stamped now, under its source.
+void printStamped(const std::string& source, const std::string& text) {
+  printTranscriptLine(conversation::timeOfDay(conversation::wallClock()) + " " + source + " " + text);
 }
 
-void say(const std::string& text) { line("demo", text); }
+void say(const std::string& text) { printStamped("demo", text); }
 
 void step(const std::string& title) {
-  emit("");
+  printTranscriptLine("");
   say("==== " + title);
 }
 
 // A ChildProcess output callback that prints whole lines: standard output
 // under `out` (nothing: the line carries its own time and source, as the
 // simulator's do), standard error under `err`.
-std::function<void(bool, const std::string&)> printer(const std::string& out, const std::string& err) {
+std::function<void(bool, const std::string&)> linePrinter(const std::string& out, const std::string& err) {
   auto pending = std::make_shared<std::pair<std::string, std::string>>();
   return [=](bool fromErr, const std::string& text) {
     std::string& buffer = fromErr ? pending->second : pending->first;
     buffer += text;
     for (std::size_t end; (end = buffer.find('\n')) != std::string::npos; buffer.erase(0, end + 1)) {
       std::string whole = buffer.substr(0, end);
-      fromErr || !out.empty() ? line(fromErr ? err : out, whole) : emit(whole);
+      fromErr || !out.empty() ? printStamped(fromErr ? err : out, whole) : printTranscriptLine(whole);
     }
   };
 }
@@ -89,14 +89,14 @@ std::function<void(bool, const std::string&)> printer(const std::string& out, co
 int daemonExe = -1, ctlExe = -1;
 std::string faketime;
 SyslogReader syslogReader;
-std::unique_ptr<ChildProcess> daemon, simulator;
+std::unique_ptr<ChildProcess> dravikProcess, simulatorProcess;
 
 // Shows `program` with `args` as a command line and starts it.
-std::unique_ptr<ChildProcess> start(int exe, const std::string& program, const std::vector<std::string>& args,
-                                    const ChildOptions& options) {
+std::unique_ptr<ChildProcess> startShown(int exe, const std::string& program, const std::vector<std::string>& args,
+                                         const ChildOptions& options) {
   std::string shown = program;
   for (const std::string& a : args) shown += " " + a;
-  line("$", shown);
+  printStamped("$", shown);
   auto child = std::make_unique<ChildProcess>();
   std::string why;
   if (!child->start(exe, program, args, options, &why)) say("(" + program + " did not start: " + why + ")");
@@ -105,52 +105,54 @@ std::unique_ptr<ChildProcess> start(int exe, const std::string& program, const s
 
 void startDaemon() {
   ChildOptions options;
-  options.onOutput = printer("daemon", "daemon");
+  options.onOutput = linePrinter("daemon", "daemon");
   if (!faketime.empty()) options.environment = {"LD_PRELOAD=" + faketime, "FAKETIME=+0 x" + std::to_string(kSpeedUp)};
-  daemon = start(daemonExe, "dravik", {"-s", "0"}, options);
+  dravikProcess = startShown(daemonExe, "dravik", {"-s", "0"}, options);
+  // Its pipes exist once it waits on its mailbox: the simulator needs them.
+  if (!waitUntilOpen(dravikProcess->pid(), kCommandFifoPath, Seconds(5))) say("(dravik has not opened its mailbox)");
 }
 
 void stopDaemon() {
-  line("$", "kill -TERM " + std::to_string(daemon->pid()));
-  daemon->signal(SIGTERM);
-  std::optional<int> status = daemon->wait(seconds(10));
+  printStamped("$", "kill -TERM " + std::to_string(dravikProcess->pid()));
+  dravikProcess->signal(SIGTERM);
+  std::optional<int> status = dravikProcess->wait(Seconds(10));
   say("dravik " + (status ? describeWaitStatus(*status) : "did not stop and was killed"));
 }
 
 void startSimulator(std::vector<std::string> options) {
   options.insert(options.begin(), "simulate");
   ChildOptions how;
-  how.onOutput = printer("", "sim");
-  simulator = start(ctlExe, "dravikctl", options, how);
+  how.onOutput = linePrinter("", "sim");
+  simulatorProcess = startShown(ctlExe, "dravikctl", options, how);
 }
 
 void stopSimulator() {
   say("(stopping the simulator)");
-  simulator->signal(SIGTERM);
-  simulator->wait(seconds(5));
+  simulatorProcess->signal(SIGTERM);
+  simulatorProcess->wait(Seconds(5));
 }
 
 // A GetAnalyticsFilterDataRequest and its answer, on the pipes themselves:
 // the notification pipe has one reader at a time, so the simulator pauses.
-void getFilter(int32_t channel) {
+void askFilterPath(int32_t channel) {
   peer::CatalogueMessage request("GetAnalyticsFilterDataRequest", {channel});
-  request.sender = 100;
+  request.sender = peer::kToolEndpoint;
   std::string frame = encodeFrame(request);
   peer::FrameReader reader;
   peer::MailboxWriter writer;
-  std::string error;
-  if (!reader.open(kNotifications, &error) || !writer.open(kMailbox, &error) ||
-      !writer.write(frame, peer::Deadline::after(5), &error)) {
-    return say("(no request: " + error + ")");
+  std::string whyNot;
+  if (!reader.open(kNotificationFifoPath, &whyNot) || !writer.open(kCommandFifoPath, &whyNot) ||
+      !writer.write(frame, peer::Deadline::after(5), &whyNot)) {
+    return say("(no request: " + whyNot + ")");
   }
-  line("send", dravikctl::frameText(peer::decodeFrame(frame, catalogue::Flow::in), false));
+  printStamped("send", conversation::frameText(peer::decodeFrame(frame, catalogue::Flow::in), false));
   peer::Deadline deadline = peer::Deadline::after(5);
-  while (reader.next(&frame, deadline, -1, &error) == peer::FrameReader::Event::frame) {
+  while (reader.next(&frame, deadline, -1, &whyNot) == peer::FrameReader::Event::frame) {
     peer::DecodedFrame answer = peer::decodeFrame(frame, catalogue::Flow::out);
-    line("recv", dravikctl::frameText(answer, false));
+    printStamped("recv", conversation::frameText(answer, false));
     if (answer.header.correlationId == request.id) return;
   }
-  say("(no answer " + error + ")");
+  say("(no answer " + whyNot + ")");
 }
 
 // Waits for a log line of the daemon that contains `text`, after its first
@@ -162,18 +164,18 @@ void waitForLog(std::size_t mark, const std::string& text, int timeoutSeconds) {
     }
     return false;
   };
-  if (syslogReader.waitFor(daemon->pid(), seen, seconds(timeoutSeconds))) return;
+  if (syslogReader.waitFor(dravikProcess->pid(), seen, Seconds(timeoutSeconds))) return;
   say("gave up waiting " + std::to_string(timeoutSeconds) + " s for the log line: " + text);
   std::exit(1);
 }
 
 // Runs a dravikctl command and waits for the daemon's log line that
 // contains `logged`, and a little more for the file work that follows it.
-void ctl(const std::vector<std::string>& args, const std::string& logged) {
-  std::size_t mark = syslogReader.lines(daemon->pid()).size();
+void runDravikctl(const std::vector<std::string>& args, const std::string& logged) {
+  std::size_t mark = syslogReader.lines(dravikProcess->pid()).size();
   ChildOptions options;
-  options.onOutput = printer(">", ">");
-  std::optional<int> status = start(ctlExe, "dravikctl", args, options)->wait(seconds(10));
+  options.onOutput = linePrinter(">", ">");
+  std::optional<int> status = startShown(ctlExe, "dravikctl", args, options)->wait(Seconds(10));
   if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) {
     say("(" + (status ? describeWaitStatus(*status) : std::string("still running after 10 s: killed")) + ")");
   }
@@ -193,14 +195,16 @@ void showStore() {
   std::sort(files.begin(), files.end());
   for (const std::string& path : files) {
     struct stat info;
-    if (stat(path.c_str(), &info) == 0) line(">", path + ", " + std::to_string(info.st_size) + " bytes");
+    if (stat(path.c_str(), &info) == 0) printStamped(">", path + ", " + std::to_string(info.st_size) + " bytes");
   }
-  if (files.empty()) line(">", "the store is empty");
+  if (files.empty()) printStamped(">", "the store is empty");
 }
 
 void writeFile(const std::string& path, const std::string& text) { std::ofstream(path) << text; }
 
-bool open() {
+// Opens the programs, enters the sandbox and reads the daemon's log from
+// /dev/log; says what the demo will go without (libfaketime).
+bool prepare() {
   daemonExe = openExecutable(DRAVIK_DAEMON_PATH);
   ctlExe = openExecutable(DRAVIKCTL_PATH);
   auto refuse = [](const std::string& why) {
@@ -212,7 +216,7 @@ bool open() {
   if (!sandbox::enter(&why)) return refuse("no private sandbox (root, or user namespaces allowed): " + why);
   // The reader's own flush markers come from this process.
   syslogReader.onRecord([self = getpid()](const SyslogRecord& r) {
-    if (r.pid != self) line("syslog", (r.priority == LOG_ERR ? "error: " : "") + r.message);
+    if (r.pid != self) printStamped("syslog", (r.priority == LOG_ERR ? "error: " : "") + r.message);
   });
   if (!syslogReader.open("/dev/log", &why)) return refuse("no syslog socket: " + why);
   faketime = fakeTimeLibrary(DRAVIK_SANITIZE, &why);
@@ -221,16 +225,10 @@ bool open() {
   return true;
 }
 
-}  // namespace
+// The scenes of the demo, in their order. `fast`: the daemon's clock runs
+// kSpeedUp times faster.
 
-int main() {
-  setenv("TZ", "UTC", 1);
-  signal(SIGPIPE, SIG_IGN);
-  peer::seedMessageIds();
-  if (!open()) return 1;
-  bool fast = !faketime.empty();
-  const std::string filter1 = std::string(kIncoming) + "filter-ch1.xml";
-  const std::string filter2 = std::string(kIncoming) + "filter-ch2.xml";
+void startWithAnEarlierStore(bool fast) {
   step("A private sandbox: tmpfs on /tmp and /etc/sysconfig, syslog read on a private /dev/log");
   say("The service asks the engine for calibration only 30 min after it starts (then hourly),");
   say("so the store starts with the blocks that an earlier run kept for channels 0 and 2.");
@@ -244,10 +242,14 @@ int main() {
   startDaemon();
   startSimulator({});
   waitForLog(0, fast ? "RestoreZekAnalyticsFilter:: for ch=3" : "Restoring Zek Calibration for ch=0", 20);
+}
 
+void newFilters() {
+  const std::string filter1 = std::string(kIncoming) + "filter-ch1.xml";
+  const std::string filter2 = std::string(kIncoming) + "filter-ch2.xml";
   step("1. A new filter for channel 1: forwarded to endpoint 2, accepted (status 0), saved");
   writeFile(filter1, "<filter channel=\"1\"><zone name=\"door\"/></filter>\n");
-  ctl({"set-filter", "1", filter1}, "Saving Analytics Filter To file for ch=1");
+  runDravikctl({"set-filter", "1", filter1}, "Saving Analytics Filter To file for ch=1");
   showStore();
 
   step("2. A filter that the engine refuses: endpoint 2 answers status 3, nothing is saved");
@@ -255,17 +257,19 @@ int main() {
   stopSimulator();
   startSimulator({"--filter-status", "3"});
   writeFile(filter2, "<filter channel=\"2\"><zone name=\"yard\"/></filter>\n");
-  ctl({"set-filter", "2", filter2}, "Failed ZEK SetAnalyticsFilter with status 3");
-  line(">", filter2 + " stays where the client wrote it");
+  runDravikctl({"set-filter", "2", filter2}, "Failed ZEK SetAnalyticsFilter with status 3");
+  printStamped(">", filter2 + " stays where the client wrote it");
   showStore();
 
   step("3. The path of a channel's filter file: a GetAnalyticsFilterDataRequest and its answer");
   say("One reader at a time on comm.mailbox: the simulator pauses while the demo reads the answers");
   stopSimulator();
-  getFilter(1);
-  getFilter(2);
+  askFilterPath(1);
+  askFilterPath(2);
   startSimulator({});
+}
 
+void calibrationCycle(bool fast) {
   if (fast) {
     step("The first hourly calibration cycle, 30 min (daemon time) after the restore");
     say("The engine answers each request with a block, which the daemon stores for the channel");
@@ -276,7 +280,9 @@ int main() {
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   showStore();
+}
 
+void restartAndReset() {
   step("4. Restart: SIGTERM, and a new daemon restores the stored calibrations and filters");
   stopDaemon();
   startDaemon();
@@ -284,16 +290,30 @@ int main() {
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
 
   step("5. Factory reset of channel 1, then of all channels");
-  ctl({"reset-channel", "1"}, "ResetCalibrationNotification::toStream channel=1");
+  runDravikctl({"reset-channel", "1"}, "ResetCalibrationNotification::toStream channel=1");
   showStore();
-  ctl({"reset-all"}, "ResetCalibrationNotification::toStream channel=3");
+  runDravikctl({"reset-all"}, "ResetCalibrationNotification::toStream channel=3");
   showStore();
 
   step("End: the daemon stops on SIGTERM");
   stopSimulator();
   stopDaemon();
-  syslogReader.flush(seconds(2));
-  auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  syslogReader.flush(Seconds(2));
+}
+
+}  // namespace
+
+int main() {
+  setenv("TZ", "UTC", 1);
+  signal(SIGPIPE, SIG_IGN);
+  peer::seedMessageIds();
+  if (!prepare()) return 1;
+  bool fast = !faketime.empty();
+  startWithAnEarlierStore(fast);
+  newFilters();
+  calibrationCycle(fast);
+  restartAndReset();
+  auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - demoStart).count();
   say("done in " + std::to_string(static_cast<int>(elapsed + 0.5)) + " s");
   return 0;
 }

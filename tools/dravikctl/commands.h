@@ -1,61 +1,61 @@
-// The commands of dravikctl. Each returns the process's exit status and
-// reports failures itself, on standard error, as one line that begins with
-// "dravikctl: ".
+// dravikctl's commands, one row each: the name and the arguments as typed,
+// the options that apply, what a command that sends puts in its frame, and
+// the function that runs it. Each function returns the process's exit
+// status and reports its failures itself (report.h).
 #ifndef DRAVIK_TOOLS_DRAVIKCTL_COMMANDS_H_
 #define DRAVIK_TOOLS_DRAVIKCTL_COMMANDS_H_
 
-#include <sys/types.h>
-#include <time.h>
-
+#include <cstdint>
 #include <string>
-
-#include "store/catalogue.h"
-#include "tools/dravikctl/options.h"
-#include "tools/dravikctl/pairing.h"
+#include <vector>
 
 namespace dravikctl {
 
-constexpr int kExitOk = 0;
-// The service could not be reached, did not answer, or logged an error.
-constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;  // bad arguments
+struct Options;
 
-// Runs `options.command`.
-int runCommand(const Options& options);
-
-int runMonitor(const Options& options);
-int runDecode(const Options& options);
-int runSimulate(const Options& options);
-
-// "dravikctl: <message>" on standard error; returns kExitFailure.
-int fail(const std::string& message);
-// The same and the hint to --help; returns kExitUsage.
-int usageError(const std::string& message);
-// Writes one line to standard output at once. False when standard output
-// is gone.
-bool printLine(const std::string& line);
-
-// The process to tap: --pid, or the one called dravik. 0 with the reason.
-pid_t daemonPid(const Options& options, std::string* error);
-// True when this process may read the notification pipe: nobody else reads
-// it, or --force. Otherwise reports who does and returns false.
-bool mayReadNotifications(const Options& options, const std::string& what);
-
-// The lines of one conversation with the service, as the options ask (text
-// or JSON, filtered), with answers paired to their requests.
-class ConversationPrinter {
- public:
-  explicit ConversationPrinter(const Options& options) : o_(options) {}
-  // The line for a frame seen at `seen`, or empty when the filters leave it
-  // out. Every frame counts for the pairing, shown or not.
-  std::string frame(const std::string& bytes, catalogue::Flow flow, const struct timespec& seen);
-  // The line for a datagram the service sent to the system log.
-  std::string log(const std::string& datagram, const struct timespec& seen) const;
-
- private:
-  const Options& o_;
-  Pairing pairing_;
+// What a command does, for the options that apply to it.
+enum Kind : unsigned {
+  kSends = 1,
+  kMonitors = 2,
+  kSimulates = 4,
+  kDecodes = 8,
+  kPrints = 16,
+  kAnyKind = 31,
 };
+
+// An argument of a command: what becomes of it.
+enum class Argument {
+  channel,      // N: the message's channel
+  status,       // STATUS: the message's status
+  requestId,    // ID: the message's correlation id
+  sentPath,     // FILE: the message's file name, made absolute
+  blockFile,    // FILE: whose bytes are the message's block
+  captureFile,  // FILE: a capture to read
+};
+
+struct Command {
+  const char* name;
+  std::vector<Argument> arguments;  // in the order they are typed
+  Kind kind;
+  // For a command that sends: the catalogue class of its message, and the
+  // endpoint that it signs with unless --sender says otherwise.
+  const char* className;
+  int32_t sender;
+  int (*run)(const Options& options);
+};
+
+const std::vector<Command>& commands();
+// The command called `name`, or null.
+const Command* findCommand(const std::string& name);
+// "N", "STATUS", "ID" or "FILE", as the usage names the argument.
+const char* usageName(Argument argument);
+
+// What the rows run.
+int runOneShot(const Options& options);      // one_shot.cc: the commands that send
+int runMonitor(const Options& options);      // monitor.cc
+int runDecode(const Options& options);       // monitor.cc
+int runSimulate(const Options& options);     // simulate.cc
+int printDissector(const Options& options);  // dissector.cc
 
 }  // namespace dravikctl
 

@@ -1,8 +1,13 @@
-#include "tools/dravikctl/dissector.h"
+// dissector: the Wireshark dissector for captures of monitor --pcap, a Lua
+// script whose frame layout and class table come from the service's own
+// (frame_format.h and the catalogue), so that it cannot drift from them.
+#include <string>
 
 #include "dissector_template.h"
 #include "messaging/frame_format.h"
 #include "store/catalogue.h"
+#include "tools/dravikctl/commands.h"
+#include "tools/dravikctl/report.h"
 
 namespace dravikctl {
 namespace {
@@ -70,13 +75,16 @@ void replace(std::string* text, const std::string& marker, const std::string& wi
   if (at != std::string::npos) text->replace(at, marker.size(), with);
 }
 
-}  // namespace
-
+// The whole script.
 std::string wiresharkDissector() {
   std::string script = kDissectorTemplate;
   replace(&script, "@LAYOUT@", luaLayout());
   replace(&script, "@CATALOGUE@", luaCatalogue());
   return script;
 }
+
+}  // namespace
+
+int printDissector(const Options&) { return printText(wiresharkDissector()) ? kExitOk : kExitFailure; }
 
 }  // namespace dravikctl

@@ -4,10 +4,11 @@
 #include <cstdio>
 
 #include "dravikctl_version.h"
+#include "peer/frame_codec.h"
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/options.h"
+#include "tools/dravikctl/report.h"
 #include "tools/dravikctl/tap.h"
-#include "peer/frame_codec.h"
 
 int main(int argc, char* argv[]) {
   // A reader that goes away shows up as EPIPE on the write, which is
@@ -17,8 +18,8 @@ int main(int argc, char* argv[]) {
   dravikctl::blockChildSignals();
 
   dravikctl::Options options;
-  std::string error;
-  if (!dravikctl::parseCommandLine(argc, argv, &options, &error)) return dravikctl::usageError(error);
+  std::string whyNot;
+  if (!dravikctl::parseCommandLine(argc, argv, &options, &whyNot)) return dravikctl::usageError(whyNot);
   if (options.help) {
     fputs(dravikctl::usageText(), stdout);
     return dravikctl::kExitOk;
@@ -28,5 +29,5 @@ int main(int argc, char* argv[]) {
     return dravikctl::kExitOk;
   }
   peer::seedMessageIds();
-  return dravikctl::runCommand(options);
+  return options.command->run(options);
 }

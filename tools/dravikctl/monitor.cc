@@ -11,13 +11,17 @@
 #include <iterator>
 #include <memory>
 
+#include "conversation/frame_printer.h"
+#include "conversation/pcapng.h"
+#include "conversation/transcript.h"
+#include "peer/pipe_peer.h"
 #include "tools/dravikctl/commands.h"
-#include "tools/dravikctl/frame_printer.h"
+#include "tools/dravikctl/options.h"
 #include "tools/dravikctl/output_queue.h"
-#include "tools/dravikctl/pcapng.h"
+#include "tools/dravikctl/proc_scan.h"
+#include "tools/dravikctl/report.h"
 #include "tools/dravikctl/stop_signals.h"
 #include "tools/dravikctl/tap.h"
-#include "peer/pipe_peer.h"
 
 namespace dravikctl {
 namespace {
@@ -36,17 +40,17 @@ Deadline endOf(const Options& o) { return o.duration > 0 ? Deadline::after(o.dur
 int runDirectMonitor(const Options& o) {
   if (!mayReadNotifications(o, "monitor --direct")) return kExitFailure;
   StopSignals stop;
-  std::string error;
+  std::string whyNot;
   FrameReader reader;
-  if (!reader.open(o.notifications, &error)) return fail(error);
-  ConversationPrinter printer(o);
+  if (!reader.open(o.notifications, &whyNot)) return fail(whyNot);
+  conversation::Transcript transcript(o.style);
   Deadline end = endOf(o);
   long frames = 0;
   std::string frame;
   for (;;) {
-    switch (reader.next(&frame, end, stop.fd(), &error)) {
+    switch (reader.next(&frame, end, stop.fd(), &whyNot)) {
       case FrameReader::Event::frame: {
-        std::string line = printer.frame(frame, Flow::out, wallClock());
+        std::string line = transcript.frame(frame, Flow::out, conversation::wallClock());
         if (line.empty()) break;
         if (!printLine(line)) return kExitFailure;
         if (o.count > 0 && ++frames >= o.count) return kExitOk;
@@ -61,80 +65,120 @@ int runDirectMonitor(const Options& o) {
         stop.take();
         return kExitOk;
       case FrameReader::Event::failed:
-        return fail(error);
+        return fail(whyNot);
     }
   }
 }
+
+// What the tapped monitor writes: the lines on standard output, and the
+// capture in its file or, with --pcap -, on standard output instead of the
+// lines. Each goes through a queue, so that a slow reader never holds up
+// the tap.
+class MonitorOutput {
+ public:
+  explicit MonitorOutput(const Options& o) : pcap_(o.pcap), lines_(STDOUT_FILENO, kOutputLimit) {}
+  ~MonitorOutput() {
+    file_.reset();  // written out before its descriptor closes
+    if (fileFd_ >= 0) close(fileFd_);
+  }
+
+  // Opens the capture file, if there is one, and starts the capture.
+  bool open(std::string* whyNot) {
+    if (!pcap_.empty() && showsLines()) {
+      fileFd_ = ::open(pcap_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+      if (fileFd_ < 0) {
+        *whyNot = "cannot write " + pcap_ + ": " + std::strerror(errno);
+        return false;
+      }
+      file_ = std::make_unique<OutputQueue>(fileFd_, kOutputLimit);
+    }
+    if (OutputQueue* capture = this->capture()) capture->push(pcapng::fileHeader());
+    return true;
+  }
+
+  bool showsLines() const { return pcap_ != "-"; }
+  void line(const std::string& text) {
+    if (showsLines()) lines_.push(text + "\n");
+  }
+  void captured(const TapEvent& frame) {
+    OutputQueue* capture = this->capture();
+    if (capture != nullptr) capture->push(pcapng::packetBlock(frame.bytes, frame.direction, frame.seen));
+  }
+
+  // Readable once an output has failed.
+  std::vector<int> failedFds() const {
+    std::vector<int> fds = {lines_.failedFd()};
+    if (file_) fds.push_back(file_->failedFd());
+    return fds;
+  }
+  // Whoever read standard output has gone.
+  bool linesClosed() const { return lines_.readerGone(); }
+  // Why an output failed: standard output's reason first.
+  std::string failure() const {
+    return lines_.failure().empty() && file_ ? file_->failure() : lines_.failure();
+  }
+
+ private:
+  OutputQueue* capture() { return showsLines() ? file_.get() : &lines_; }
+
+  std::string pcap_;
+  OutputQueue lines_;
+  int fileFd_ = -1;
+  std::unique_ptr<OutputQueue> file_;
+};
 
 }  // namespace
 
 int runMonitor(const Options& o) {
   if (o.direct) return runDirectMonitor(o);
   StopSignals stop;
-  std::string error;
-  pid_t pid = daemonPid(o, &error);
-  if (pid == 0) return fail(error);
+  std::string whyNot;
+  pid_t pid = daemonPid(o, &whyNot);
+  if (pid == 0) return fail(whyNot);
   Tap tap(o.mailbox, o.notifications);
-  if (!tap.attach(pid, &error)) {
-    return fail("cannot tap dravik: " + error + " (--direct reads the notification pipe instead, while nothing else reads it)");
+  if (!tap.attach(pid, &whyNot)) {
+    return fail("cannot tap dravik: " + whyNot + " (--direct reads the notification pipe instead, while nothing else reads it)");
   }
   std::string threads;
   for (pid_t tid : tap.threads()) threads += " " + std::to_string(tid);
   fprintf(stderr, "dravikctl: tapping dravik (pid %d, threads%s)\n", pid, threads.c_str());
   fflush(stderr);
 
-  bool linesToStdout = o.pcap != "-";
-  OutputQueue lines(STDOUT_FILENO, kOutputLimit);
-  std::unique_ptr<OutputQueue> captureFile;
-  int captureFd = -1;
-  if (!o.pcap.empty() && linesToStdout) {
-    captureFd = open(o.pcap.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (captureFd < 0) return fail("cannot write " + o.pcap + ": " + std::strerror(errno));
-    captureFile.reset(new OutputQueue(captureFd, kOutputLimit));
-  }
-  OutputQueue* capture = linesToStdout ? captureFile.get() : &lines;
-  if (capture != nullptr) capture->push(pcapng::fileHeader());
-
-  ConversationPrinter printer(o);
+  MonitorOutput out(o);
+  if (!out.open(&whyNot)) return fail(whyNot);
+  conversation::Transcript transcript(o.style);
   long frames = 0;
   auto sink = [&](const TapEvent& e) {
     if (e.kind == TapEvent::Kind::log) {
-      if (o.log && linesToStdout) lines.push(printer.log(e.bytes, e.seen) + "\n");
+      if (o.log) out.line(transcript.log(e.bytes, e.seen));
       return true;
     }
     if (e.kind != TapEvent::Kind::frame) return true;
-    std::string line = printer.frame(e.bytes, e.direction, e.seen);
+    std::string line = transcript.frame(e.bytes, e.direction, e.seen);
     if (line.empty()) return true;
-    if (capture != nullptr) capture->push(pcapng::packetBlock(e.bytes, e.direction, e.seen));
-    if (linesToStdout) lines.push(line + "\n");
+    out.captured(e);
+    out.line(line);
     return o.count == 0 || ++frames < o.count;
   };
-  std::vector<int> wake = {stop.fd(), lines.failedFd()};
-  if (captureFile) wake.push_back(captureFile->failedFd());
-  Tap::End end = tap.run(wake, endOf(o), sink, &error);
+  std::vector<int> wake = out.failedFds();
+  wake.insert(wake.begin(), stop.fd());
+  Tap::End end = tap.run(wake, endOf(o), sink, &whyNot);
   tap.detach();
-  int status = kExitOk;
   switch (end) {
     case Tap::End::woken:
-      if (stop.take() != 0) break;
+      if (stop.take() != 0) return kExitOk;
       // The reader of standard output has gone: nothing left to say.
-      if (lines.failure() == "the output was closed") return kExitFailure;
-      status = fail((lines.failure().empty() && captureFile ? captureFile->failure() : lines.failure()) +
-                    "; detached from dravik");
-      break;
+      if (out.linesClosed()) return kExitFailure;
+      return fail(out.failure() + "; detached from dravik");
     case Tap::End::daemonGone:
-      status = fail("dravik (pid " + std::to_string(pid) + ") has ended");
-      break;
+      return fail("dravik (pid " + std::to_string(pid) + ") has ended");
     case Tap::End::failed:
-      status = fail(error);
-      break;
+      return fail(whyNot);
     case Tap::End::timeout:
     case Tap::End::done:
       break;
   }
-  captureFile.reset();
-  if (captureFd >= 0) close(captureFd);
-  return status;
+  return kExitOk;
 }
 
 int runDecode(const Options& o) {
@@ -142,20 +186,20 @@ int runDecode(const Options& o) {
   std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   if (!in.is_open() || in.bad()) return fail("cannot read " + o.file);
   std::vector<pcapng::Packet> packets;
-  std::string error;
-  bool whole = pcapng::readCapture(bytes, &packets, &error);
-  ConversationPrinter printer(o);
+  std::string whyNot;
+  bool whole = pcapng::readCapture(bytes, &packets, &whyNot);
+  conversation::Transcript transcript(o.style);
   long frames = 0;
   for (const pcapng::Packet& packet : packets) {
     // A capture from elsewhere may not say: frames to the service go in.
     Flow flow = packet.direction ? *packet.direction
                 : peer::decodeFrame(packet.data, Flow::in).header.recipient == kServiceEndpoint ? Flow::in : Flow::out;
-    std::string line = printer.frame(packet.data, flow, packet.seen);
+    std::string line = transcript.frame(packet.data, flow, packet.seen);
     if (line.empty()) continue;
     if (!printLine(line)) return kExitFailure;
     if (o.count > 0 && ++frames >= o.count) return kExitOk;
   }
-  return whole ? kExitOk : fail(o.file + ": " + error);
+  return whole ? kExitOk : fail(o.file + ": " + whyNot);
 }
 
 }  // namespace dravikctl

@@ -9,86 +9,23 @@
 #include <set>
 #include <vector>
 
+#include "messaging/frame_format.h"
 #include "store/catalogue.h"
 
 namespace dravikctl {
 namespace {
 
-// What a command does, for the options that apply to it.
-enum Group : unsigned {
-  kSends = 1,
-  kMonitors = 2,
-  kSimulates = 4,
-  kDecodes = 8,
-  kPrints = 16,
-  kAll = 31,
-};
-
-struct CommandRule {
-  const char* name;
-  std::vector<const char*> arguments;  // names as the usage shows them
-  Group group;
-};
-
-const std::vector<CommandRule>& commands() {
-  static const std::vector<CommandRule> table = {
-      {"reset-all", {}, kSends},
-      {"reset-channel", {"N"}, kSends},
-      {"reset-calibration", {"N"}, kSends},
-      {"reset-filter", {"N"}, kSends},
-      {"set-filter", {"N", "FILE"}, kSends},
-      {"save-filter", {"N", "STATUS"}, kSends},
-      {"calibration-response", {"ID", "FILE"}, kSends},
-      {"get-filter", {"N"}, kSends},
-      {"monitor", {}, kMonitors},
-      {"simulate", {}, kSimulates},
-      {"decode", {"FILE"}, kDecodes},
-      {"dissector", {}, kPrints},
-  };
-  return table;
-}
+// Stores an option's value. Returns what the value should be ("seconds,
+// more than 0") when it is refused, nothing when it is taken.
+using Setter = std::string (*)(const std::string& value, Options* o);
 
 struct OptionRule {
   const char* name;
   bool takesValue;
-  unsigned groups;
-  const char* appliesTo;  // for the error when it does not apply
+  unsigned kinds;         // of the commands it applies to
+  const char* appliesTo;  // those commands, for the error when it does not apply
+  Setter set;
 };
-
-const char* const kSending = "commands that send a message";
-const char* const kReading = "commands that read the notification pipe";
-
-// getopt_long returns the index of the rule plus kFirstLong.
-constexpr int kFirstLong = 256;
-
-const std::vector<OptionRule>& optionRules() {
-  static const std::vector<OptionRule> table = {
-      {"help", false, kAll, ""},
-      {"version", false, kAll, ""},
-      {"mailbox", true, kAll, ""},
-      {"notifications", true, kAll, ""},
-      {"timeout", true, kAll, ""},
-      {"sender", true, kSends, kSending},
-      {"response-selector", true, kSends, kSending},
-      {"no-wait", false, kSends, kSending},
-      {"pid", true, kSends | kMonitors, "monitor and commands that send a message"},
-      {"direct", false, kSends | kMonitors, "monitor and commands that send a message"},
-      {"force", false, kSends | kMonitors | kSimulates, kReading},
-      {"hex", false, kMonitors | kSimulates | kDecodes, "monitor, simulate and decode"},
-      {"json", false, kMonitors | kSimulates | kDecodes, "monitor, simulate and decode"},
-      {"count", true, kMonitors | kSimulates | kDecodes, "monitor, simulate and decode"},
-      {"duration", true, kMonitors | kSimulates, "monitor and simulate"},
-      {"log", false, kMonitors, "monitor"},
-      {"pcap", true, kMonitors, "monitor"},
-      {"selector", true, kMonitors | kDecodes, "monitor and decode"},
-      {"channel", true, kMonitors | kDecodes, "monitor and decode"},
-      {"endpoint", true, kMonitors | kDecodes, "monitor and decode"},
-      {"direction", true, kMonitors | kDecodes, "monitor and decode"},
-      {"filter-status", true, kSimulates, "simulate"},
-      {"block-size", true, kSimulates, "simulate"},
-  };
-  return table;
-}
 
 bool parseInt32(const std::string& text, int32_t* value) {
   if (text.empty()) return false;
@@ -111,66 +48,136 @@ bool parseSeconds(const std::string& text, double* value) {
   return true;
 }
 
-std::string usageOf(const CommandRule& command) {
-  std::string text = command.name;
-  for (const char* a : command.arguments) text += std::string(" ") + a;
-  return text;
+// The setters' shapes.
+std::string setFlag(bool* to) {
+  *to = true;
+  return "";
 }
 
-bool setOption(const OptionRule& rule, const std::string& value, Options* o, std::string* error) {
-  std::string name = rule.name;
-  auto bad = [&](const char* what) {
-    *error = "invalid --" + name + " value '" + value + "' (" + what + ")";
-    return false;
-  };
-  int32_t n = 0;
-  if (name == "help") {
-    o->help = true;
-  } else if (name == "version") {
-    o->version = true;
-  } else if (name == "mailbox" || name == "notifications" || name == "pcap") {
-    if (value.empty()) return bad("a path");
-    (name == "mailbox" ? o->mailbox : name == "notifications" ? o->notifications : o->pcap) = value;
-  } else if (name == "timeout") {
-    if (!parseSeconds(value, &o->timeout)) return bad("seconds, more than 0");
-  } else if (name == "duration") {
-    if (!parseSeconds(value, &o->duration)) return bad("seconds, more than 0");
-  } else if (name == "sender") {
-    if (!parseInt32(value, &o->sender)) return bad("an endpoint number");
-  } else if (name == "response-selector") {
-    if (!parseInt32(value, &o->responseSelector)) return bad("a selector number");
-  } else if (name == "filter-status") {
-    if (!parseInt32(value, &o->filterStatus)) return bad("a 32-bit number");
-  } else if (name == "pid") {
-    if (!parseInt32(value, &n) || n <= 0) return bad("a process id");
-    o->pid = n;
-  } else if (name == "count") {
-    if (!parseInt32(value, &n) || n <= 0) return bad("a number of frames, more than 0");
-    o->count = n;
-  } else if (name == "block-size") {
-    if (!parseInt32(value, &n) || n < 0 || static_cast<uint32_t>(n) > kLargestCalibrationBlock) {
-      return bad("0 to 65488 bytes");
-    }
-    o->blockSize = static_cast<uint32_t>(n);
-  } else if (name == "selector") {
-    if (!parseInt32(value, &n)) return bad("a selector number");
-    o->filter.selectors.push_back(n);
-  } else if (name == "channel") {
-    if (!parseInt32(value, &n)) return bad("a channel number");
-    o->filter.channel = n;
-  } else if (name == "endpoint") {
-    if (!parseInt32(value, &n)) return bad("an endpoint number");
-    o->filter.endpoint = n;
-  } else if (name == "direction") {
-    if (value != "in" && value != "out") return bad("in or out");
-    o->filter.direction = value == "in" ? catalogue::Flow::in : catalogue::Flow::out;
-  } else {
-    bool* flag = name == "hex" ? &o->hex : name == "json" ? &o->json : name == "log" ? &o->log
-               : name == "direct" ? &o->direct : name == "force" ? &o->force : &o->noWait;
-    *flag = true;
-  }
-  return true;
+std::string setPath(const std::string& value, std::string* to) {
+  if (value.empty()) return "a path";
+  *to = value;
+  return "";
 }
+
+std::string setSeconds(const std::string& value, double* to) {
+  return parseSeconds(value, to) ? "" : "seconds, more than 0";
+}
+
+template <class T>
+std::string setNumber(const std::string& value, T* to, const char* form) {
+  int32_t n = 0;
+  if (!parseInt32(value, &n)) return form;
+  *to = n;
+  return "";
+}
+
+template <class T>
+std::string setPositive(const std::string& value, T* to, const char* form) {
+  int32_t n = 0;
+  if (!parseInt32(value, &n) || n <= 0) return form;
+  *to = n;
+  return "";
+}
+
+std::string setBlockSize(const std::string& value, uint32_t* to) {
+  int32_t n = 0;
+  if (!parseInt32(value, &n) || n < 0 || static_cast<uint32_t>(n) > kLargestCalibrationBlock) {
+    return "0 to " + std::to_string(kLargestCalibrationBlock) + " bytes";
+  }
+  *to = static_cast<uint32_t>(n);
+  return "";
+}
+
+std::string setDirection(const std::string& value, Options* o) {
+  if (value != "in" && value != "out") return "in or out";
+  o->style.filter.direction = value == "in" ? catalogue::Flow::in : catalogue::Flow::out;
+  return "";
+}
+
+const char* const kSending = "commands that send a message";
+const char* const kTapping = "monitor and commands that send a message";
+const char* const kReading = "commands that read the notification pipe";
+const unsigned kShowsFrames = kMonitors | kSimulates | kDecodes;
+const char* const kPrinting = "monitor, simulate and decode";
+const char* const kFiltering = "monitor and decode";
+
+const std::vector<OptionRule>& optionRules() {
+  using V = const std::string&;
+  static const std::vector<OptionRule> table = {
+      {"help", false, kAnyKind, "", [](V, Options* o) { return setFlag(&o->help); }},
+      {"version", false, kAnyKind, "", [](V, Options* o) { return setFlag(&o->version); }},
+      {"mailbox", true, kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->mailbox); }},
+      {"notifications", true, kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->notifications); }},
+      {"timeout", true, kAnyKind, "", [](V v, Options* o) { return setSeconds(v, &o->timeout); }},
+      {"sender", true, kSends, kSending,
+       [](V v, Options* o) { return setNumber(v, &o->sender, "an endpoint number"); }},
+      {"response-selector", true, kSends, kSending,
+       [](V v, Options* o) { return setNumber(v, &o->responseSelector, "a selector number"); }},
+      {"no-wait", false, kSends, kSending, [](V, Options* o) { return setFlag(&o->noWait); }},
+      {"pid", true, kSends | kMonitors, kTapping,
+       [](V v, Options* o) { return setPositive(v, &o->pid, "a process id"); }},
+      {"direct", false, kSends | kMonitors, kTapping, [](V, Options* o) { return setFlag(&o->direct); }},
+      {"force", false, kSends | kMonitors | kSimulates, kReading, [](V, Options* o) { return setFlag(&o->force); }},
+      {"hex", false, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.hex); }},
+      {"json", false, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.json); }},
+      {"count", true, kShowsFrames, kPrinting,
+       [](V v, Options* o) { return setPositive(v, &o->count, "a number of frames, more than 0"); }},
+      {"duration", true, kMonitors | kSimulates, "monitor and simulate",
+       [](V v, Options* o) { return setSeconds(v, &o->duration); }},
+      {"log", false, kMonitors, "monitor", [](V, Options* o) { return setFlag(&o->log); }},
+      {"pcap", true, kMonitors, "monitor", [](V v, Options* o) { return setPath(v, &o->pcap); }},
+      {"selector", true, kMonitors | kDecodes, kFiltering,
+       [](V v, Options* o) {
+         int32_t selector = 0;
+         std::string refused = setNumber(v, &selector, "a selector number");
+         if (refused.empty()) o->style.filter.selectors.push_back(selector);
+         return refused;
+       }},
+      {"channel", true, kMonitors | kDecodes, kFiltering,
+       [](V v, Options* o) { return setNumber(v, &o->style.filter.channel, "a channel number"); }},
+      {"endpoint", true, kMonitors | kDecodes, kFiltering,
+       [](V v, Options* o) { return setNumber(v, &o->style.filter.endpoint, "an endpoint number"); }},
+      {"direction", true, kMonitors | kDecodes, kFiltering, [](V v, Options* o) { return setDirection(v, o); }},
+      {"filter-status", true, kSimulates, "simulate",
+       [](V v, Options* o) { return setNumber(v, &o->filterStatus, "a 32-bit number"); }},
+      {"block-size", true, kSimulates, "simulate", [](V v, Options* o) { return setBlockSize(v, &o->blockSize); }},
+  };
+  return table;
+}
+
+// getopt_long returns the index of the rule plus kFirstLong.
+constexpr int kFirstLong = 256;
+
+// The command line as getopt_long is to see it. A negative number
+// ("save-filter 1 -5", "--sender -3") is an argument, not an option: it goes
+// in as a stand-in that does not begin with '-', and comes back by the
+// stand-in's address.
+class Arguments {
+ public:
+  Arguments(int argc, char* const argv[]) : args_(argv, argv + argc) {
+    standIns_.reserve(static_cast<std::size_t>(argc));  // their addresses must hold
+    for (std::size_t i = 1; i < args_.size(); ++i) {
+      if (std::strcmp(args_[i], "--") == 0) break;
+      if (args_[i][0] == '-' && args_[i][1] >= '0' && args_[i][1] <= '9') {
+        standIns_.push_back(std::string("n") + args_[i]);
+        args_[i] = &standIns_.back()[0];
+        negative_.insert(args_[i]);
+      }
+    }
+    args_.push_back(nullptr);
+  }
+  int count() const { return static_cast<int>(args_.size()) - 1; }
+  char** argv() { return args_.data(); }
+  // An argument as it was typed.
+  std::string text(const char* arg) const { return negative_.count(arg) != 0 ? arg + 1 : arg; }
+  std::string text(int index) const { return text(args_[static_cast<std::size_t>(index)]); }
+
+ private:
+  std::vector<std::string> standIns_;
+  std::vector<char*> args_;
+  std::set<const char*> negative_;
+};
 
 // The error for an option that getopt_long refused: `arg` as typed.
 std::string refusedOption(const std::string& arg, int shortOption) {
@@ -191,27 +198,10 @@ std::string refusedOption(const std::string& arg, int shortOption) {
   return "unknown option '--" + name + "'";
 }
 
-}  // namespace
-
-bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* error) {
-  // A negative number ("save-filter 1 -5", "--sender -3") is an argument,
-  // not an option: getopt_long gets a stand-in that does not begin with '-'
-  // and the number comes back by the stand-in's address.
-  std::vector<std::string> standIns;
-  standIns.reserve(static_cast<std::size_t>(argc));
-  std::vector<char*> args(argv, argv + argc);
-  std::set<const char*> negative;
-  for (int i = 1; i < argc; ++i) {
-    if (std::strcmp(argv[i], "--") == 0) break;
-    if (argv[i][0] == '-' && argv[i][1] >= '0' && argv[i][1] <= '9') {
-      standIns.push_back(std::string("n") + argv[i]);
-      args[static_cast<std::size_t>(i)] = &standIns.back()[0];
-      negative.insert(args[static_cast<std::size_t>(i)]);
-    }
-  }
-  args.push_back(nullptr);
-  auto text = [&](const char* arg) { return negative.count(arg) != 0 ? std::string(arg + 1) : std::string(arg); };
-
+// Reads every option into `o`, and the names of those taken into `given`.
+// The first error, if any, goes to `firstError`; the rest are read all the
+// same, since --help wins over them.
+void readOptions(Arguments& args, Options* o, std::set<std::string>* given, std::string* firstError) {
   std::vector<struct option> longOptions;
   for (std::size_t i = 0; i < optionRules().size(); ++i) {
     const OptionRule& rule = optionRules()[i];
@@ -219,112 +209,128 @@ bool parseCommandLine(int argc, char* const argv[], Options* options, std::strin
                            kFirstLong + static_cast<int>(i)});
   }
   longOptions.push_back({nullptr, 0, nullptr, 0});
-
-  Options o;
-  std::set<std::string> given;
-  std::string firstError;
   optind = 0;  // a fresh scan, for every call
   opterr = 0;
   for (;;) {
     int index = 0;
-    int c = getopt_long(argc, args.data(), ":hV", longOptions.data(), &index);
+    int c = getopt_long(args.count(), args.argv(), ":hV", longOptions.data(), &index);
     if (c == -1) break;
     std::string problem;
     if (c == 'h' || c == 'V') {
-      (c == 'h' ? o.help : o.version) = true;
+      (c == 'h' ? o->help : o->version) = true;
     } else if (c == ':') {
       problem = optopt >= kFirstLong ? std::string("option '--") + optionRules()[optopt - kFirstLong].name + "' needs a value"
                                      : std::string("option '-") + static_cast<char>(optopt) + "' needs a value";
     } else if (c == '?') {
-      problem = refusedOption(text(args[optind - 1]), optopt);
+      problem = refusedOption(args.text(optind - 1), optopt);
     } else {
       const OptionRule& rule = optionRules()[c - kFirstLong];
-      if (setOption(rule, optarg != nullptr ? text(optarg) : "", &o, &problem)) given.insert(rule.name);
+      std::string value = optarg != nullptr ? args.text(optarg) : "";
+      std::string form = rule.set(value, o);
+      if (form.empty()) {
+        given->insert(rule.name);
+      } else {
+        problem = std::string("invalid --") + rule.name + " value '" + value + "' (" + form + ")";
+      }
     }
-    if (!problem.empty() && firstError.empty()) firstError = problem;
+    if (!problem.empty() && firstError->empty()) *firstError = problem;
   }
-  if (o.help || o.version) {
-    Options shown;
-    shown.help = o.help;
-    shown.version = o.version;
-    *options = shown;
-    return true;
-  }
-  if (!firstError.empty()) {
-    *error = firstError;
-    return false;
-  }
+}
 
-  std::vector<std::string> positional;
-  for (int i = optind; i < argc; ++i) positional.push_back(text(args[static_cast<std::size_t>(i)]));
-  if (positional.empty()) {
-    *error = "no command given";
+bool readArgument(Argument argument, const std::string& value, Options* o, std::string* whyNot) {
+  switch (argument) {
+    case Argument::channel:
+      if (parseInt32(value, &o->channel)) return true;
+      *whyNot = "invalid channel '" + value + "' (a number such as 0 to 3)";
+      return false;
+    case Argument::status:
+      if (parseInt32(value, &o->status)) return true;
+      *whyNot = "invalid status '" + value + "' (a 32-bit number; 0 is success)";
+      return false;
+    case Argument::requestId:
+      if (parseInt32(value, &o->requestId)) return true;
+      *whyNot = "invalid request id '" + value + "' (a 32-bit number)";
+      return false;
+    case Argument::sentPath:
+    case Argument::blockFile:
+    case Argument::captureFile:
+      o->file = value;
+      return true;
+  }
+  return true;
+}
+
+// The command and its arguments: what is left after the options.
+bool readCommand(const std::vector<std::string>& words, Options* o, std::string* whyNot) {
+  if (words.empty()) {
+    *whyNot = "no command given";
     return false;
   }
-  const CommandRule* command = nullptr;
-  for (const CommandRule& c : commands()) {
-    if (positional[0] == c.name) command = &c;
-  }
-  if (command == nullptr) {
-    *error = "unknown command '" + positional[0] + "'";
+  o->command = findCommand(words[0]);
+  if (o->command == nullptr) {
+    *whyNot = "unknown command '" + words[0] + "'";
     return false;
   }
-  o.command = command->name;
-  std::size_t count = positional.size() - 1;
-  if (count != command->arguments.size()) {
-    if (command->arguments.empty()) {
-      *error = std::string(command->name) + " takes no arguments";
-    } else {
-      std::string expected = usageOf(*command).substr(std::strlen(command->name) + 1);
-      *error = std::string(command->name) + " takes " + expected + ", got " + std::to_string(count) +
-               (count == 1 ? " argument" : " arguments");
+  const Command& command = *o->command;
+  std::size_t count = words.size() - 1;
+  if (count != command.arguments.size()) {
+    if (command.arguments.empty()) {
+      *whyNot = std::string(command.name) + " takes no arguments";
+      return false;
     }
+    std::string expected;
+    for (Argument a : command.arguments) expected += std::string(expected.empty() ? "" : " ") + usageName(a);
+    *whyNot = std::string(command.name) + " takes " + expected + ", got " + std::to_string(count) +
+              (count == 1 ? " argument" : " arguments");
     return false;
   }
   for (std::size_t k = 0; k < count; ++k) {
-    const std::string name = command->arguments[k];
-    const std::string& value = positional[k + 1];
-    bool ok = true;
-    if (name == "N") {
-      ok = parseInt32(value, &o.channel);
-      if (!ok) *error = "invalid channel '" + value + "' (a number such as 0 to 3)";
-    } else if (name == "STATUS") {
-      ok = parseInt32(value, &o.status);
-      if (!ok) *error = "invalid status '" + value + "' (a 32-bit number; 0 is success)";
-    } else if (name == "ID") {
-      ok = parseInt32(value, &o.requestId);
-      if (!ok) *error = "invalid request id '" + value + "' (a 32-bit number)";
-    } else if (name == "FILE") {
-      o.file = value;
-    }
-    if (!ok) return false;
+    if (!readArgument(command.arguments[k], words[k + 1], o, whyNot)) return false;
   }
+  return true;
+}
 
+// Options given that do not apply to the command, or that contradict each other.
+bool checkOptions(const Options& o, const std::set<std::string>& given, std::string* whyNot) {
   for (const OptionRule& rule : optionRules()) {
-    if (given.count(rule.name) != 0 && (rule.groups & command->group) == 0) {
-      *error = std::string("option '--") + rule.name + "' applies to " + rule.appliesTo + " only";
+    if (given.count(rule.name) != 0 && (rule.kinds & o.command->kind) == 0) {
+      *whyNot = std::string("option '--") + rule.name + "' applies to " + rule.appliesTo + " only";
       return false;
     }
   }
   if (o.direct && o.pid != 0) {
-    *error = "--direct reads the notification pipe; --pid names a process to tap: choose one";
+    *whyNot = "--direct reads the notification pipe; --pid names a process to tap: choose one";
+  } else if (o.noWait && (o.direct || o.pid != 0)) {
+    *whyNot = "--no-wait only sends; --direct and --pid say how to wait";
+  } else if (o.direct && (o.log || !o.pcap.empty())) {
+    *whyNot = "--log and --pcap need the tap, which --direct turns off";
+  } else {
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* whyNot) {
+  Arguments args(argc, argv);
+  Options o;
+  std::set<std::string> given;
+  std::string firstError;
+  readOptions(args, &o, &given, &firstError);
+  if (o.help || o.version) {
+    *options = Options();
+    options->help = o.help;
+    options->version = o.version;
+    return true;
+  }
+  if (!firstError.empty()) {
+    *whyNot = firstError;
     return false;
   }
-  if (o.noWait && (o.direct || o.pid != 0)) {
-    *error = "--no-wait only sends; --direct and --pid say how to wait";
-    return false;
-  }
-  if (o.direct && (o.log || !o.pcap.empty())) {
-    *error = "--log and --pcap need the tap, which --direct turns off";
-    return false;
-  }
-  if (given.count("sender") == 0) {
-    if (o.command == "calibration-response") o.sender = kEngineEndpoint;
-    if (o.command == "save-filter") o.sender = kFilterEndpoint;
-  }
-  if (given.count("response-selector") == 0 && o.command == "get-filter") {
-    o.responseSelector = kGetAnalyticsFilterDataResponseSelector;
-  }
+  std::vector<std::string> words;
+  for (int i = optind; i < argc; ++i) words.push_back(args.text(i));
+  if (!readCommand(words, &o, whyNot) || !checkOptions(o, given, whyNot)) return false;
   *options = o;
   return true;
 }

@@ -7,57 +7,49 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
-#include "tools/dravikctl/frame_filter.h"
+#include "conversation/transcript.h"
+#include "store/service_paths.h"
+#include "tools/dravikctl/commands.h"
 
 namespace dravikctl {
-
-constexpr const char* kDefaultMailbox = "/tmp/dravik.mailbox";
-constexpr const char* kDefaultNotifications = "/tmp/comm.mailbox";
-// The endpoint number that the tool signs with when it plays no endpoint of
-// the camera.
-constexpr int32_t kToolEndpoint = 100;
-// The largest calibration block that fits a frame: 65536 payload bytes less
-// the 44-byte header and the block's 4-byte length.
-constexpr uint32_t kLargestCalibrationBlock = 65488;
 
 struct Options {
   bool help = false;
   bool version = false;
 
-  std::string command;  // as typed: "reset-all", "get-filter", ...
+  const Command* command = nullptr;  // set unless help or version
   // Arguments of the command, checked and converted.
   int32_t channel = 0;
   int32_t status = 0;
   int32_t requestId = 0;
   std::string file;
 
-  std::string mailbox = kDefaultMailbox;
-  std::string notifications = kDefaultNotifications;
-  int32_t sender = kToolEndpoint;  // the command's own default unless given
-  int32_t responseSelector = 0;    // likewise
-  double timeout = 5;              // seconds
+  std::string mailbox = kCommandFifoPath;
+  std::string notifications = kNotificationFifoPath;
+  std::optional<int32_t> sender;            // unless given: the command's own
+  std::optional<int32_t> responseSelector;  // unless given: its class's own
+  double timeout = 5;                       // seconds
 
   pid_t pid = 0;        // the daemon to tap; 0: found by name
   bool direct = false;  // read the notification pipe instead of tapping
   bool force = false;   // read it even while another process does
   bool noWait = false;  // send only
 
-  bool hex = false;
-  bool json = false;
-  bool log = false;     // monitor: the daemon's syslog lines too
-  std::string pcap;     // monitor: capture file; "-": standard output
-  long count = 0;       // 0: no bound
-  double duration = 0;  // seconds; 0: no bound
-  FrameFilter filter;
+  conversation::Style style;  // how monitor, decode and simulate show frames
+  bool log = false;           // monitor: the daemon's syslog lines too
+  std::string pcap;           // monitor: capture file; "-": standard output
+  long count = 0;             // 0: no bound
+  double duration = 0;        // seconds; 0: no bound
   int32_t filterStatus = 0;
   uint32_t blockSize = 64;
 };
 
 // Reads the command line into `options`. False with a one-line reason in
-// `error` on bad arguments. --help and --version win over everything else.
-bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* error);
+// `whyNot` on bad arguments. --help and --version win over everything else.
+bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* whyNot);
 
 // The text of --help.
 const char* usageText();

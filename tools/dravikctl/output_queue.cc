@@ -1,6 +1,5 @@
 #include "tools/dravikctl/output_queue.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,19 +10,15 @@
 #include <mutex>
 #include <thread>
 
+#include "messaging/wake_up.h"
+
 namespace dravikctl {
 
 struct OutputQueue::State {
-  ~State() {
-    if (failedRead >= 0) ::close(failedRead);
-    if (failedWrite >= 0) ::close(failedWrite);
-  }
-
   // REQUIRES: `mutex` held.
   void fail(const std::string& why) {
     if (failure.empty()) failure = why;
-    char byte = 1;
-    (void)!::write(failedWrite, &byte, 1);
+    failed.trigger();
     changed.notify_all();
   }
 
@@ -49,7 +44,8 @@ struct OutputQueue::State {
       std::lock_guard<std::mutex> lock(mutex);
       busy = false;
       if (error != 0) {
-        fail(error == EPIPE ? "the output was closed" : std::string("cannot write the output: ") + std::strerror(error));
+        readerGone = error == EPIPE;
+        fail(readerGone ? "the output was closed" : std::string("cannot write the output: ") + std::strerror(error));
         return;
       }
       changed.notify_all();
@@ -58,25 +54,20 @@ struct OutputQueue::State {
 
   int fd = -1;
   std::size_t limit = 0;
-  int failedRead = -1;
-  int failedWrite = -1;
+  WakeUp failed;
   std::mutex mutex;
   std::condition_variable changed;
   std::deque<std::string> queue;
   std::size_t queued = 0;
   bool busy = false;
   bool stopping = false;
+  bool readerGone = false;
   std::string failure;
 };
 
 OutputQueue::OutputQueue(int fd, std::size_t limit) : state_(std::make_shared<State>()) {
   state_->fd = fd;
   state_->limit = limit;
-  int fds[2];
-  if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
-    state_->failedRead = fds[0];
-    state_->failedWrite = fds[1];
-  }
   std::shared_ptr<State> state = state_;
   std::thread([state] { state->run(); }).detach();
 }
@@ -103,11 +94,16 @@ bool OutputQueue::push(std::string bytes) {
   return true;
 }
 
-int OutputQueue::failedFd() const { return state_->failedRead; }
+int OutputQueue::failedFd() const { return state_->failed.fd(); }
 
 std::string OutputQueue::failure() const {
   std::lock_guard<std::mutex> lock(state_->mutex);
   return state_->failure;
+}
+
+bool OutputQueue::readerGone() const {
+  std::lock_guard<std::mutex> lock(state_->mutex);
+  return state_->readerGone;
 }
 
 }  // namespace dravikctl

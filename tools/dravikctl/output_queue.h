@@ -30,6 +30,8 @@ class OutputQueue {
   int failedFd() const;
   // Why it failed ("the output was closed", ...); empty while it works.
   std::string failure() const;
+  // True when it failed because its reader went away.
+  bool readerGone() const;
 
  private:
   struct State;

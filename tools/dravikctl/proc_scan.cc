@@ -1,96 +1,94 @@
 #include "tools/dravikctl/proc_scan.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
-#include <functional>
+#include <sstream>
+
+#include "procfs/procfs.h"
+#include "tools/dravikctl/options.h"
+#include "tools/dravikctl/report.h"
 
 namespace dravikctl {
 namespace {
 
-const std::string kDeleted = " (deleted)";
-
-std::string procPath(pid_t pid, const std::string& rest) { return "/proc/" + std::to_string(pid) + "/" + rest; }
-
-std::string readLink(const std::string& path) {
-  char target[4096];
-  ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
-  if (n <= 0) return "";
-  std::string text(target, static_cast<std::size_t>(n));
-  if (text.size() > kDeleted.size() && text.compare(text.size() - kDeleted.size(), kDeleted.size(), kDeleted) == 0) {
-    text.resize(text.size() - kDeleted.size());
-  }
-  return text;
-}
-
-std::string firstLine(const std::string& path) {
-  std::ifstream file(path);
-  std::string line;
-  std::getline(file, line);
-  return line;
-}
-
-// Calls `visit` for every process but this one; it returns false to stop.
-void forEachProcess(const std::function<bool(pid_t)>& visit) {
-  DIR* proc = opendir("/proc");
-  if (proc == nullptr) return;
-  pid_t self = getpid();
-  while (dirent* entry = readdir(proc)) {
-    char* end = nullptr;
-    long pid = std::strtol(entry->d_name, &end, 10);
-    if (*end != '\0' || pid <= 0 || pid == self) continue;
-    if (!visit(static_cast<pid_t>(pid))) break;
-  }
-  closedir(proc);
-}
+constexpr int kCapSysPtrace = 19;
 
 // Whether `pid` has the pipe `pipe` (device and inode) open with read access.
 bool readsPipe(pid_t pid, const struct stat& pipe) {
-  std::string fdDir = procPath(pid, "fd");
-  DIR* dir = opendir(fdDir.c_str());
-  if (dir == nullptr) return false;
-  bool reads = false;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] == '.') continue;
-    std::string link = fdDir + "/" + entry->d_name;
+  for (int fd : procfs::descriptorsOf(pid)) {
     struct stat held;
-    if (stat(link.c_str(), &held) != 0) continue;
-    if (held.st_dev != pipe.st_dev || held.st_ino != pipe.st_ino) continue;
-    std::ifstream info(procPath(pid, std::string("fdinfo/") + entry->d_name));
-    std::string key;
-    std::string flags;
-    while (info >> key >> flags && key != "flags:") {
-    }
+    std::string link = procfs::path(pid, "fd/" + std::to_string(fd));
+    if (stat(link.c_str(), &held) != 0 || held.st_dev != pipe.st_dev || held.st_ino != pipe.st_ino) continue;
+    std::string flags = procfs::field(procfs::path(pid, "fdinfo/" + std::to_string(fd)), "flags");
     int access = static_cast<int>(std::strtol(flags.c_str(), nullptr, 8)) & O_ACCMODE;
-    if (key == "flags:" && (access == O_RDONLY || access == O_RDWR)) reads = true;
+    if (!flags.empty() && (access == O_RDONLY || access == O_RDWR)) return true;
   }
-  closedir(dir);
-  return reads;
+  return false;
+}
+
+std::string pidList(const std::vector<pid_t>& pids) {
+  std::string text;
+  for (pid_t pid : pids) text += " " + std::to_string(pid);
+  return text;
+}
+
+bool haveCapSysPtrace() {
+  unsigned long long capabilities =
+      std::strtoull(procfs::field(procfs::path(getpid(), "status"), "CapEff").c_str(), nullptr, 16);
+  return (capabilities >> kCapSysPtrace) & 1;
+}
+
+int yamaScope() {
+  std::ifstream file("/proc/sys/kernel/yama/ptrace_scope");
+  int scope = -1;
+  file >> scope;
+  return file ? scope : -1;
+}
+
+// Why a process that ptrace may not touch is out of reach (EPERM).
+std::string whyNotPermitted(pid_t pid, const std::string& who) {
+  pid_t tracer = static_cast<pid_t>(std::atoi(procfs::field(procfs::path(pid, "status"), "TracerPid").c_str()));
+  if (tracer != 0) {
+    // ptrace allows one tracer: a second tap must wait for the first.
+    std::string by = describeProcess(tracer);
+    if (by.find(" (dravikctl)") != std::string::npos) return who + " is tapped already, by dravikctl " + by;
+    return who + " is already traced by " + by + "; end that tracer first";
+  }
+  int scope = yamaScope();
+  if (scope == 3) return "tracing is disabled on this machine until it restarts (kernel.yama.ptrace_scope=3)";
+  if (haveCapSysPtrace()) {
+    return "not permitted to trace " + who + " even with CAP_SYS_PTRACE (a security module or a seccomp policy forbids it)";
+  }
+  if (scope == 2) return "only root or a process with CAP_SYS_PTRACE may trace (kernel.yama.ptrace_scope=2): run dravikctl as root";
+  struct stat owner;
+  std::string proc = procfs::path(pid, "");
+  if (stat(proc.c_str(), &owner) == 0 && owner.st_uid != geteuid()) {
+    return who + " runs as uid " + std::to_string(owner.st_uid) + ": run dravikctl as root (or with CAP_SYS_PTRACE)";
+  }
+  if (scope == 1) {
+    return "kernel.yama.ptrace_scope=1 lets a process trace only its own descendants: run dravikctl as root "
+           "(or with CAP_SYS_PTRACE), or set kernel.yama.ptrace_scope=0";
+  }
+  return "not permitted to trace " + who + ": run dravikctl as root (or with CAP_SYS_PTRACE)";
 }
 
 }  // namespace
 
-std::string descriptorTarget(pid_t pid, int fd) { return readLink(procPath(pid, "fd/" + std::to_string(fd))); }
-
-pid_t findDaemon(const std::string& mailbox, std::string* error) {
+pid_t findDaemon(const std::string& mailbox, std::string* whyNot) {
   std::vector<pid_t> found;
-  forEachProcess([&](pid_t pid) {
-    std::string exe = readLink(procPath(pid, "exe"));
+  for (pid_t pid : procfs::otherProcesses()) {
+    std::string exe = procfs::linkTarget(procfs::path(pid, "exe"));
     std::string base = exe.substr(exe.rfind('/') + 1);
-    if (firstLine(procPath(pid, "comm")) == "dravik" || base == "dravik") found.push_back(pid);
-    return true;
-  });
-  auto list = [](const std::vector<pid_t>& pids) {
-    std::string text;
-    for (pid_t pid : pids) text += " " + std::to_string(pid);
-    return text;
-  };
+    if (procfs::firstLine(procfs::path(pid, "comm")) == "dravik" || base == "dravik") found.push_back(pid);
+  }
   if (found.empty()) {
-    *error = "no dravik process is running (--pid N names one)";
+    *whyNot = "no dravik process is running (--pid N names one)";
     return 0;
   }
   if (found.size() == 1) return found[0];
@@ -103,38 +101,66 @@ pid_t findDaemon(const std::string& mailbox, std::string* error) {
   }
   if (readers.size() == 1) return readers[0];
   if (readers.empty()) {
-    *error = "several dravik processes are running (pids" + list(found) + "), none of them reading " + mailbox +
-             ": choose one with --pid";
+    *whyNot = "several dravik processes are running (pids" + pidList(found) + "), none of them reading " + mailbox +
+              ": choose one with --pid";
   } else {
-    *error = "several dravik processes read " + mailbox + " (pids" + list(readers) + "): choose one with --pid";
+    *whyNot = "several dravik processes read " + mailbox + " (pids" + pidList(readers) + "): choose one with --pid";
   }
   return 0;
 }
+
+pid_t daemonPid(const Options& o, std::string* whyNot) { return o.pid != 0 ? o.pid : findDaemon(o.mailbox, whyNot); }
 
 std::vector<pid_t> otherReaders(const std::string& pipe, const std::string& mailbox) {
   std::vector<pid_t> readers;
   struct stat pipeInfo, mailboxInfo;
   if (stat(pipe.c_str(), &pipeInfo) != 0) return readers;
   bool haveMailbox = stat(mailbox.c_str(), &mailboxInfo) == 0;
-  forEachProcess([&](pid_t pid) {
+  for (pid_t pid : procfs::otherProcesses()) {
     if (readsPipe(pid, pipeInfo) && !(haveMailbox && readsPipe(pid, mailboxInfo))) readers.push_back(pid);
-    return true;
-  });
+  }
   return readers;
 }
 
-std::vector<pid_t> threadsOf(pid_t pid) {
-  std::vector<pid_t> threads;
-  std::string path = procPath(pid, "task");
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return threads;
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') threads.push_back(static_cast<pid_t>(std::atoi(entry->d_name)));
-  }
-  closedir(dir);
-  return threads;
+bool mayReadNotifications(const Options& o, const std::string& what) {
+  if (o.force) return true;
+  std::vector<pid_t> readers = otherReaders(o.notifications, o.mailbox);
+  if (readers.empty()) return true;
+  std::string who;
+  for (pid_t pid : readers) who += (who.empty() ? "" : ", ") + describeProcess(pid);
+  fail("process " + who + " reads " + o.notifications + ", and " + what +
+       " would take frames from it (each frame reaches one reader); watch through the tap instead "
+       "(root or CAP_SYS_PTRACE), or --force");
+  return false;
 }
 
-std::string describeProcess(pid_t pid) { return std::to_string(pid) + " (" + firstLine(procPath(pid, "comm")) + ")"; }
+std::string describeProcess(pid_t pid) {
+  return std::to_string(pid) + " (" + procfs::firstLine(procfs::path(pid, "comm")) + ")";
+}
+
+bool isUnixSocket(pid_t pid, const std::string& inode) {
+  std::ifstream table(procfs::path(pid, "net/unix"));
+  std::string line;
+  std::getline(table, line);  // the heading
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string field;
+    for (int i = 0; i < 7 && fields >> field; ++i) {
+    }
+    if (field == inode) return true;
+  }
+  return false;
+}
+
+std::string whyNotTraced(pid_t pid, int errorNumber) {
+  std::string who = "dravik (pid " + std::to_string(pid) + ")";
+  if (errorNumber == ESRCH) return "no process " + std::to_string(pid);
+  if (errorNumber == ENOSYS || errorNumber == EIO) {
+    return std::string("this system lets no program trace another (ptrace: ") + std::strerror(errorNumber) +
+           "; under qemu-user no tracer can work)";
+  }
+  if (errorNumber != EPERM) return "cannot trace " + who + ": " + std::strerror(errorNumber);
+  return whyNotPermitted(pid, who);
+}
 
 }  // namespace dravikctl

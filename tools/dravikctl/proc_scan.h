@@ -1,5 +1,6 @@
-// What /proc tells about the processes around the service: which one is
-// the daemon, and who else reads its notification pipe.
+// What /proc tells dravikctl about the processes around the service: which
+// one is the daemon, who else reads its notification pipe, and why the
+// daemon cannot be traced.
 #ifndef DRAVIK_TOOLS_DRAVIKCTL_PROC_SCAN_H_
 #define DRAVIK_TOOLS_DRAVIKCTL_PROC_SCAN_H_
 
@@ -10,24 +11,35 @@
 
 namespace dravikctl {
 
+struct Options;
+
 // The one process called dravik (by its command name or its executable's);
 // of several, the one that reads `mailbox` (others may serve other mount
-// namespaces). 0, with the reason in `error`, when there is none or no one.
-pid_t findDaemon(const std::string& mailbox, std::string* error);
-
-// The target of /proc/PID/fd/FD (" (deleted)" removed); empty if unreadable.
-std::string descriptorTarget(pid_t pid, int fd);
+// namespaces). 0, with the reason in `whyNot`, when there is none or no one.
+pid_t findDaemon(const std::string& mailbox, std::string* whyNot);
+// The process to tap: --pid, or the one called dravik. 0 with the reason.
+pid_t daemonPid(const Options& options, std::string* whyNot);
 
 // Processes other than this one that hold the pipe at `pipe` open for
 // reading, leaving out the daemon: a process that also reads `mailbox`.
 // Processes whose descriptors this user may not see are not counted.
 std::vector<pid_t> otherReaders(const std::string& pipe, const std::string& mailbox);
-
-// The thread ids of process `pid` (/proc/PID/task); empty if it has gone.
-std::vector<pid_t> threadsOf(pid_t pid);
+// True when this process may read the notification pipe: nobody else reads
+// it, or --force. Otherwise reports who does and that `what` would take
+// frames from them, and returns false.
+bool mayReadNotifications(const Options& options, const std::string& what);
 
 // "1234 (simulate)" for messages.
 std::string describeProcess(pid_t pid);
+
+// Whether the socket of inode `inode` is an AF_UNIX socket of `pid`'s
+// network namespace.
+bool isUnixSocket(pid_t pid, const std::string& inode);
+
+// Why PTRACE_SEIZE of dravik at `pid` failed with `errorNumber`, and what to
+// do about it: the tracer that holds it already, Yama's ptrace_scope, the
+// capability or the user that is missing.
+std::string whyNotTraced(pid_t pid, int errorNumber);
 
 }  // namespace dravikctl
 

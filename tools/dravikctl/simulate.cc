@@ -6,21 +6,26 @@
 // the notification pipe, so it refuses to start beside another reader.
 #include <cstdio>
 
+#include "conversation/frame_printer.h"
+#include "conversation/transcript.h"
 #include "messaging/binary_fifo.h"
-#include "tools/dravikctl/commands.h"
-#include "tools/dravikctl/frame_printer.h"
-#include "tools/dravikctl/stop_signals.h"
 #include "peer/pipe_peer.h"
+#include "tools/dravikctl/commands.h"
+#include "tools/dravikctl/options.h"
+#include "tools/dravikctl/proc_scan.h"
+#include "tools/dravikctl/report.h"
+#include "tools/dravikctl/stop_signals.h"
 
 namespace dravikctl {
 namespace {
 
+using catalogue::Flow;
+using conversation::wallClock;
 using peer::CatalogueMessage;
 using peer::Deadline;
 using peer::DecodedFrame;
 using peer::FrameReader;
 using peer::MailboxWriter;
-using catalogue::Flow;
 
 // How often a simulator without a daemon tries the mailbox again.
 constexpr double kAttachInterval = 0.25;
@@ -35,12 +40,12 @@ std::string calibrationBlock(int64_t channel, uint32_t size) {
 
 class Simulator {
  public:
-  explicit Simulator(const Options& options) : o_(options), printer_(options) {}
+  explicit Simulator(const Options& options) : o_(options), transcript_(options.style) {}
 
   int run() {
     if (!mayReadNotifications(o_, "simulate")) return kExitFailure;
-    std::string error;
-    if (!reader_.open(o_.notifications, &error)) return fail(error);
+    std::string whyNot;
+    if (!reader_.open(o_.notifications, &whyNot)) return fail(whyNot);
     attach();
     Deadline end = o_.duration > 0 ? Deadline::after(o_.duration) : Deadline::never();
     long received = 0;
@@ -48,7 +53,7 @@ class Simulator {
     for (;;) {
       // Without a daemon to write to, wake up now and then to look for one.
       Deadline wait = writer_.isOpen() ? end : Deadline::after(kAttachInterval);
-      FrameReader::Event event = reader_.next(&frame, wait, stop_.fd(), &error);
+      FrameReader::Event event = reader_.next(&frame, wait, stop_.fd(), &whyNot);
       switch (event) {
         case FrameReader::Event::frame:
           ++received;
@@ -68,7 +73,7 @@ class Simulator {
           stop_.take();
           return finish(received, kExitOk);
         case FrameReader::Event::failed:
-          fail(error);
+          fail(whyNot);
           return finish(received, kExitFailure);
       }
     }
@@ -79,22 +84,22 @@ class Simulator {
   // reason for failing is said once.
   void attach() {
     if (writer_.isOpen()) return;
-    std::string error;
-    if (writer_.open(o_.mailbox, &error)) {
+    std::string whyNot;
+    if (writer_.open(o_.mailbox, &whyNot)) {
       fprintf(stderr, "dravikctl: simulate: writing to %s\n", o_.mailbox.c_str());
       lastAttachError_.clear();
       return;
     }
-    if (error != lastAttachError_) {
-      fprintf(stderr, "dravikctl: simulate: %s; trying again\n", error.c_str());
-      lastAttachError_ = error;
+    if (whyNot != lastAttachError_) {
+      fprintf(stderr, "dravikctl: simulate: %s; trying again\n", whyNot.c_str());
+      lastAttachError_ = whyNot;
     }
   }
 
   // Prints a received frame and answers it. False when standard output is gone.
   bool handle(const std::string& frame) {
     DecodedFrame in = peer::decodeFrame(frame, Flow::out);
-    if (!print(printer_.frame(frame, Flow::out, wallClock()))) return false;
+    if (!print(transcript_.frame(frame, Flow::out, wallClock()))) return false;
     if (!in.decoded()) return true;
     const peer::Value* channel = in.arg("channel");
     int64_t number = channel != nullptr ? channel->number : 0;
@@ -115,13 +120,13 @@ class Simulator {
   bool send(const BinaryMessage& message) {
     attach();
     std::string frame = encodeFrame(message);
-    std::string error;
-    if (!writer_.write(frame, Deadline::after(o_.timeout), &error)) {
-      fprintf(stderr, "dravikctl: simulate: answer %d not sent: %s\n", message.id, error.c_str());
+    std::string whyNot;
+    if (!writer_.write(frame, Deadline::after(o_.timeout), &whyNot)) {
+      fprintf(stderr, "dravikctl: simulate: answer %d not sent: %s\n", message.id, whyNot.c_str());
       return true;
     }
     ++answers_;
-    return print(printer_.frame(frame, Flow::in, wallClock()));
+    return print(transcript_.frame(frame, Flow::in, wallClock()));
   }
 
   // A frame's line, unless the filters left it out.
@@ -133,7 +138,7 @@ class Simulator {
   }
 
   const Options& o_;
-  ConversationPrinter printer_;
+  conversation::Transcript transcript_;
   StopSignals stop_;
   FrameReader reader_;
   MailboxWriter writer_;

@@ -4,18 +4,15 @@
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
+#include "procfs/procfs.h"
 #include "tools/dravikctl/proc_scan.h"
 
 namespace dravikctl {
@@ -23,7 +20,6 @@ namespace {
 
 using catalogue::Flow;
 
-constexpr int kCapSysPtrace = 19;
 constexpr double kStopWait = 2;  // seconds a thread may take to stop for attach or detach
 
 // System calls after which a descriptor number may name another file.
@@ -78,80 +74,6 @@ bool sendsDatagram(uint64_t call) {
   return call == SYS_sendto;
 }
 
-// A field of /proc/PID/status, e.g. "TracerPid".
-std::string statusField(pid_t pid, const std::string& name) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    if (line.compare(0, name.size() + 1, name + ":") == 0) {
-      std::size_t start = line.find_first_not_of(" \t", name.size() + 1);
-      return start == std::string::npos ? "" : line.substr(start);
-    }
-  }
-  return "";
-}
-
-bool haveCapSysPtrace() {
-  unsigned long long capabilities = std::strtoull(statusField(getpid(), "CapEff").c_str(), nullptr, 16);
-  return (capabilities >> kCapSysPtrace) & 1;
-}
-
-int yamaScope() {
-  std::ifstream file("/proc/sys/kernel/yama/ptrace_scope");
-  int scope = -1;
-  file >> scope;
-  return file ? scope : -1;
-}
-
-// Why PTRACE_SEIZE failed with `error`, and what to do about it.
-std::string whyNotTraced(pid_t pid, int error) {
-  std::string who = "dravik (pid " + std::to_string(pid) + ")";
-  if (error == ESRCH) return "no process " + std::to_string(pid);
-  if (error == ENOSYS || error == EIO) {
-    return std::string("this system lets no program trace another (ptrace: ") + std::strerror(error) +
-           "; under qemu-user no tracer can work)";
-  }
-  if (error != EPERM) return "cannot trace " + who + ": " + std::strerror(error);
-  pid_t tracer = static_cast<pid_t>(std::atoi(statusField(pid, "TracerPid").c_str()));
-  if (tracer != 0) {
-    // ptrace allows one tracer: a second tap must wait for the first.
-    std::string by = describeProcess(tracer);
-    if (by.find(" (dravikctl)") != std::string::npos) return who + " is tapped already, by dravikctl " + by;
-    return who + " is already traced by " + by + "; end that tracer first";
-  }
-  int scope = yamaScope();
-  if (scope == 3) return "tracing is disabled on this machine until it restarts (kernel.yama.ptrace_scope=3)";
-  if (haveCapSysPtrace()) {
-    return "not permitted to trace " + who + " even with CAP_SYS_PTRACE (a security module or a seccomp policy forbids it)";
-  }
-  if (scope == 2) return "only root or a process with CAP_SYS_PTRACE may trace (kernel.yama.ptrace_scope=2): run dravikctl as root";
-  struct stat owner;
-  std::string proc = "/proc/" + std::to_string(pid);
-  if (stat(proc.c_str(), &owner) == 0 && owner.st_uid != geteuid()) {
-    return who + " runs as uid " + std::to_string(owner.st_uid) + ": run dravikctl as root (or with CAP_SYS_PTRACE)";
-  }
-  if (scope == 1) {
-    return "kernel.yama.ptrace_scope=1 lets a process trace only its own descendants: run dravikctl as root "
-           "(or with CAP_SYS_PTRACE), or set kernel.yama.ptrace_scope=0";
-  }
-  return "not permitted to trace " + who + ": run dravikctl as root (or with CAP_SYS_PTRACE)";
-}
-
-// Whether a socket inode belongs to an AF_UNIX socket of `pid`'s network namespace.
-bool isUnixSocket(pid_t pid, const std::string& inode) {
-  std::ifstream table("/proc/" + std::to_string(pid) + "/net/unix");
-  std::string line;
-  std::getline(table, line);  // the heading
-  while (std::getline(table, line)) {
-    std::istringstream fields(line);
-    std::string field;
-    for (int i = 0; i < 7 && fields >> field; ++i) {
-    }
-    if (field == inode) return true;
-  }
-  return false;
-}
-
 std::string copyFrom(pid_t tid, uint64_t address, std::size_t count) {
   std::string bytes(count, '\0');
   struct iovec local = {&bytes[0], count};
@@ -189,7 +111,7 @@ std::vector<pid_t> Tap::threads() const {
   return tids;
 }
 
-bool Tap::attach(pid_t pid, std::string* error) {
+bool Tap::attach(pid_t pid, std::string* whyNot) {
   detach();
   pid_ = pid;
   blockChildSignals();
@@ -198,18 +120,18 @@ bool Tap::attach(pid_t pid, std::string* error) {
   sigaddset(&child, SIGCHLD);
   childSignals_ = signalfd(-1, &child, SFD_NONBLOCK | SFD_CLOEXEC);
   if (childSignals_ < 0) {
-    *error = std::string("signalfd: ") + std::strerror(errno);
+    *whyNot = std::string("signalfd: ") + std::strerror(errno);
     return false;
   }
   // Threads started while the list is read are seized on the next pass;
   // those started by a seized thread are seized by the kernel.
   for (bool grew = true; grew;) {
     grew = false;
-    for (pid_t tid : threadsOf(pid)) {
+    for (pid_t tid : procfs::threadsOf(pid)) {
       if (threads_.count(tid) != 0) continue;
       if (ptrace(PTRACE_SEIZE, tid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_TRACECLONE) != 0) {
         if (errno == ESRCH && !threads_.empty()) continue;  // ended meanwhile
-        *error = whyNotTraced(pid, errno);
+        *whyNot = whyNotTraced(pid, errno);
         detach();
         return false;
       }
@@ -219,15 +141,15 @@ bool Tap::attach(pid_t pid, std::string* error) {
     }
   }
   if (threads_.empty()) {
-    *error = "no process " + std::to_string(pid);
+    *whyNot = "no process " + std::to_string(pid);
     detach();
     return false;
   }
   // Each thread is traced once it has stopped and been resumed.
   peer::Deadline deadline = peer::Deadline::after(kStopWait);
   for (;;) {
-    if (!collect(&pending_, error)) {
-      if (error->empty()) *error = "dravik (pid " + std::to_string(pid) + ") ended while the tap attached";
+    if (!collect(&pending_, whyNot)) {
+      if (whyNot->empty()) *whyNot = "dravik (pid " + std::to_string(pid) + ") ended while the tap attached";
       detach();
       return false;
     }
@@ -235,7 +157,7 @@ bool Tap::attach(pid_t pid, std::string* error) {
     for (const auto& t : threads_) all = all && t.second.traced;
     if (all) return true;
     if (!waitForStops(deadline)) {
-      *error = "the threads of dravik (pid " + std::to_string(pid) + ") did not stop for the tap";
+      *whyNot = "the threads of dravik (pid " + std::to_string(pid) + ") did not stop for the tap";
       detach();
       return false;
     }
@@ -250,7 +172,7 @@ bool Tap::waitForStops(const peer::Deadline& deadline) {
   return ready > 0;
 }
 
-bool Tap::collect(std::vector<TapEvent>* events, std::string* error) {
+bool Tap::collect(std::vector<TapEvent>* events, std::string* whyNot) {
   // Drained before the threads are asked: a stop that comes after its
   // thread's turn raises another SIGCHLD, which the next wait sees.
   struct signalfd_siginfo infos[16];
@@ -265,13 +187,13 @@ bool Tap::collect(std::vector<TapEvent>* events, std::string* error) {
       int status = 0;
       pid_t got = waitpid(tid, &status, WNOHANG | __WALL);
       if (got < 0 && errno == ECHILD) threads_.erase(tid);
-      if (got > 0 && !handle(tid, status, events, error)) return false;
+      if (got > 0 && !handle(tid, status, events, whyNot)) return false;
     }
   }
   return !threads_.empty();
 }
 
-bool Tap::handle(pid_t tid, int status, std::vector<TapEvent>* events, std::string* error) {
+bool Tap::handle(pid_t tid, int status, std::vector<TapEvent>* events, std::string* whyNot) {
   if (WIFEXITED(status) || WIFSIGNALED(status)) {
     threads_.erase(tid);
     return true;
@@ -299,7 +221,7 @@ bool Tap::handle(pid_t tid, int status, std::vector<TapEvent>* events, std::stri
     if (!thread.traced) {
       struct __ptrace_syscall_info probe;
       if (ptrace(PTRACE_GET_SYSCALL_INFO, tid, sizeof probe, &probe) < 0 && errno == EIO) {
-        *error = "this kernel cannot report system calls to the tap (PTRACE_GET_SYSCALL_INFO needs Linux 5.3 or later)";
+        *whyNot = "this kernel cannot report system calls to the tap (PTRACE_GET_SYSCALL_INFO needs Linux 5.3 or later)";
         // Let go at once: detach() only sees threads that stop again.
         ptrace(PTRACE_DETACH, tid, nullptr, nullptr);
         threads_.erase(tid);
@@ -360,7 +282,7 @@ void Tap::handleSyscall(pid_t tid, Thread& thread, std::vector<TapEvent>* events
 Tap::Fd Tap::kindOf(int fd) {
   auto known = fds_.find(fd);
   if (known != fds_.end()) return known->second;
-  std::string target = descriptorTarget(pid_, fd);
+  std::string target = procfs::descriptorTarget(pid_, fd);
   Fd kind = Fd::other;
   if (target == mailbox_) {
     kind = Fd::mailbox;
@@ -398,26 +320,26 @@ void Tap::endOfMailbox(pid_t tid, const struct timespec& seen, std::vector<TapEv
 }
 
 Tap::End Tap::run(const std::vector<int>& stopFds, const peer::Deadline& deadline, const TapSink& sink,
-                  std::string* error) {
-  error->clear();
+                  std::string* whyNot) {
+  whyNot->clear();
   std::vector<struct pollfd> fds;
   fds.push_back({childSignals_, POLLIN, 0});
   for (int fd : stopFds) fds.push_back({fd, POLLIN, 0});
   for (;;) {
     std::vector<TapEvent> events;
     events.swap(pending_);
-    bool alive = !threads_.empty() && collect(&events, error);
+    bool alive = !threads_.empty() && collect(&events, whyNot);
     for (std::size_t i = 0; i < events.size(); ++i) {
       if (!sink(events[i])) {
         pending_.assign(events.begin() + static_cast<std::ptrdiff_t>(i) + 1, events.end());
         return End::done;
       }
     }
-    if (!error->empty()) return End::failed;
+    if (!whyNot->empty()) return End::failed;
     if (!alive) return End::daemonGone;
     int ready = poll(fds.data(), fds.size(), deadline.pollTimeout());
     if (ready < 0 && errno != EINTR) {
-      *error = std::string("poll: ") + std::strerror(errno);
+      *whyNot = std::string("poll: ") + std::strerror(errno);
       return End::failed;
     }
     if (ready == 0) return End::timeout;

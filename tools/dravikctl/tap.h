@@ -10,9 +10,9 @@
 // not the daemon's killer: without PTRACE_O_EXITKILL, the kernel detaches a
 // tap that dies and the daemon runs on.
 //
-//   Tap tap(kDefaultMailbox, kDefaultNotifications);
-//   if (!tap.attach(pid, &error)) ...
-//   tap.run({stop.fd()}, Deadline::never(), [](const TapEvent& e) { ...; return true; }, &error);
+//   Tap tap(kCommandFifoPath, kNotificationFifoPath);
+//   if (!tap.attach(pid, &whyNot)) ...
+//   tap.run({stop.fd()}, Deadline::never(), [](const TapEvent& e) { ...; return true; }, &whyNot);
 //
 // All calls must come from the thread that called attach() (ptrace's rule),
 // and SIGCHLD must be blocked in every thread of the process (the tap waits
@@ -63,7 +63,7 @@ class Tap {
     timeout,     // the deadline passed
     done,        // the sink returned false
     daemonGone,  // every thread of the daemon has ended
-    failed,      // the reason is in `error`
+    failed,      // the reason is in `whyNot`
   };
 
   // The paths by which the daemon's descriptors are recognised.
@@ -75,14 +75,14 @@ class Tap {
 
   // Seizes every thread of `pid` and returns once each of them is traced:
   // whatever the daemon reads, writes or logs from then on is seen. False,
-  // with why and what to do in `error`, when it cannot (no permission, no
+  // with why and what to do in `whyNot`, when it cannot (no permission, no
   // such process, no ptrace here).
-  bool attach(pid_t pid, std::string* error);
+  bool attach(pid_t pid, std::string* whyNot);
 
   // Handles the tracees' stops and hands what they show to `sink`, until a
   // descriptor of `stopFds` is readable, `deadline` passes, the sink
   // returns false or the daemon ends. May be called again afterwards.
-  End run(const std::vector<int>& stopFds, const peer::Deadline& deadline, const TapSink& sink, std::string* error);
+  End run(const std::vector<int>& stopFds, const peer::Deadline& deadline, const TapSink& sink, std::string* whyNot);
 
   // Lets every thread go: interrupts each, and detaches it at its next
   // stop, passing on a signal that it was about to take. Waits at most two
@@ -103,10 +103,10 @@ class Tap {
   };
 
   // Handles one wait status of `tid`; appends what it shows to `events`.
-  bool handle(pid_t tid, int status, std::vector<TapEvent>* events, std::string* error);
+  bool handle(pid_t tid, int status, std::vector<TapEvent>* events, std::string* whyNot);
   void handleSyscall(pid_t tid, Thread& thread, std::vector<TapEvent>* events);
   // Collects the stops that are waiting; false when the daemon has gone.
-  bool collect(std::vector<TapEvent>* events, std::string* error);
+  bool collect(std::vector<TapEvent>* events, std::string* whyNot);
   bool waitForStops(const peer::Deadline& deadline);
   Fd kindOf(int fd);
   void addBytes(catalogue::Flow direction, const std::string& bytes, pid_t tid, const struct timespec& seen,

@@ -1,8 +1,8 @@
-#include "tools/dravikctl/frame_printer.h"
+#include "conversation/frame_printer.h"
 
 #include <cstdio>
 
-namespace dravikctl {
+namespace conversation {
 namespace {
 
 // Calibration blocks can be 64 KiB; a text line shows their start.
@@ -285,4 +285,4 @@ std::string logJson(int priority, const std::string& message, const struct times
          "\",\"message\":" + jsonQuote(withoutNewline(message)) + "}";
 }
 
-}  // namespace dravikctl
+}  // namespace conversation

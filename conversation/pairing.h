@@ -4,8 +4,8 @@
 // id (2044 and 2046 by 2045, 13002 by 13003 or the selector it chose), or,
 // for 13006, which carries no correlation id, when it names the channel of
 // the oldest open 13004.
-#ifndef DRAVIK_TOOLS_DRAVIKCTL_PAIRING_H_
-#define DRAVIK_TOOLS_DRAVIKCTL_PAIRING_H_
+#ifndef DRAVIK_CONVERSATION_PAIRING_H_
+#define DRAVIK_CONVERSATION_PAIRING_H_
 
 #include <time.h>
 
@@ -16,10 +16,10 @@
 #include <string>
 #include <utility>
 
-#include "store/catalogue.h"
 #include "peer/frame_codec.h"
+#include "store/catalogue.h"
 
-namespace dravikctl {
+namespace conversation {
 
 // What an answer answers.
 struct Answered {
@@ -46,6 +46,6 @@ class Pairing {
   std::map<std::pair<catalogue::Flow, int32_t>, std::deque<Open>> open_;
 };
 
-}  // namespace dravikctl
+}  // namespace conversation
 
-#endif  // DRAVIK_TOOLS_DRAVIKCTL_PAIRING_H_
+#endif  // DRAVIK_CONVERSATION_PAIRING_H_

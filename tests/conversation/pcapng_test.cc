@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "conversation/pcapng.h"
 #include "tests/support/wire.h"
-#include "tools/dravikctl/pcapng.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ const char* const kSectionAndInterface =
     "0A0D0D0A 1C000000 4D3C2B1A 0100 0000 FFFFFFFF FFFFFFFF 1C000000"
     " 01000000 14000000 9300 0000 00000000 14000000";
 
-TEST(DravikctlPcapng, WritesAndReadsBothDirections) {
+TEST(Pcapng, WritesAndReadsBothDirections) {
   struct timespec seen = {1, 2003000};  // 1.002003 s: 1002003 µs = 0x000F4A13
   std::string file = pcapng::fileHeader() + pcapng::packetBlock(bytesFromHex("0000000000"), Flow::in, seen) +
                      pcapng::packetBlock(bytesFromHex("00000000"), Flow::out, seen);
@@ -36,7 +36,7 @@ TEST(DravikctlPcapng, WritesAndReadsBothDirections) {
   EXPECT_EQ(packets[1].seen.tv_nsec, 2003000);
 }
 
-TEST(DravikctlPcapng, RefusesWhatIsNoCaptureOfFrames) {
+TEST(Pcapng, RefusesWhatIsNoCaptureOfFrames) {
   const struct {
     std::string hex;
     std::string error;

@@ -1,5 +1,5 @@
-// How dravikctl prints a frame or a line of the service's log: one text line
-// for people, or one JSON object per line for scripts.
+// How a frame or a line of the service's log is printed (dravikctl, the
+// demo): one text line for people, or one JSON object per line for scripts.
 //
 //   14:05:49.123 out SetAnalyticsFilterDataNotification 13->2 id=7 corr=0 resp=13006 channel=1 fileName="/x/f.xml" stamp=14:05:49.120 age=3ms
 //   14:05:49.140 in SaveAnalyticsFilterDataCommand 2->13 id=9 corr=0 resp=0 channel=1 status=0 stamp=14:05:49.139 age=1ms answers=7 after=17.0ms
@@ -10,19 +10,19 @@
 // service, out one that it sent. corr is the correlation id, resp the
 // response selector, stamp the frame's own timestamp and age how old the
 // frame was when seen; answers names the request that the frame answers.
-#ifndef DRAVIK_TOOLS_DRAVIKCTL_FRAME_PRINTER_H_
-#define DRAVIK_TOOLS_DRAVIKCTL_FRAME_PRINTER_H_
+#ifndef DRAVIK_CONVERSATION_FRAME_PRINTER_H_
+#define DRAVIK_CONVERSATION_FRAME_PRINTER_H_
 
 #include <time.h>
 
 #include <optional>
 #include <string>
 
-#include "store/catalogue.h"
-#include "tools/dravikctl/pairing.h"
+#include "conversation/pairing.h"
 #include "peer/frame_codec.h"
+#include "store/catalogue.h"
 
-namespace dravikctl {
+namespace conversation {
 
 // "14:05:49.123" (UTC).
 std::string timeOfDay(const struct timespec& t);
@@ -64,6 +64,6 @@ const char* priorityName(int priority);
 std::string logText(int priority, const std::string& message, const struct timespec& seen);
 std::string logJson(int priority, const std::string& message, const struct timespec& seen);
 
-}  // namespace dravikctl
+}  // namespace conversation
 
-#endif  // DRAVIK_TOOLS_DRAVIKCTL_FRAME_PRINTER_H_
+#endif  // DRAVIK_CONVERSATION_FRAME_PRINTER_H_

@@ -10,8 +10,8 @@
 //   Interface Descr.  0x00000001, length, link type 147, reserved, snap length 0
 //   Enhanced Packet   0x00000006, length, interface 0, time high, time low,
 //                     captured, original, data padded to 4, epb_flags option
-#ifndef DRAVIK_TOOLS_DRAVIKCTL_PCAPNG_H_
-#define DRAVIK_TOOLS_DRAVIKCTL_PCAPNG_H_
+#ifndef DRAVIK_CONVERSATION_PCAPNG_H_
+#define DRAVIK_CONVERSATION_PCAPNG_H_
 
 #include <time.h>
 
@@ -38,11 +38,11 @@ struct Packet {
 };
 
 // The packets of a whole file, in either byte order, with any timestamp
-// resolution of base 10. False with the reason in `error` when the bytes
+// resolution of base 10. False with the reason in `whyNot` when the bytes
 // are no pcapng file, or its interface is not of link type 147; `packets`
 // then holds what came before the fault.
-bool readCapture(const std::string& file, std::vector<Packet>* packets, std::string* error);
+bool readCapture(const std::string& file, std::vector<Packet>* packets, std::string* whyNot);
 
 }  // namespace pcapng
 
-#endif  // DRAVIK_TOOLS_DRAVIKCTL_PCAPNG_H_
+#endif  // DRAVIK_CONVERSATION_PCAPNG_H_

@@ -1,8 +1,8 @@
-#include "tools/dravikctl/frame_filter.h"
+#include "conversation/frame_filter.h"
 
 #include <algorithm>
 
-namespace dravikctl {
+namespace conversation {
 
 bool FrameFilter::matches(const peer::DecodedFrame& frame, catalogue::Flow flow) const {
   if (direction && *direction != flow) return false;
@@ -17,4 +17,4 @@ bool FrameFilter::matches(const peer::DecodedFrame& frame, catalogue::Flow flow)
   return true;
 }
 
-}  // namespace dravikctl
+}  // namespace conversation

@@ -1,6 +1,6 @@
-#include "tools/dravikctl/pairing.h"
+#include "conversation/pairing.h"
 
-namespace dravikctl {
+namespace conversation {
 namespace {
 
 using catalogue::Flow;
@@ -52,4 +52,4 @@ std::optional<Answered> Pairing::observe(const peer::DecodedFrame& frame, Flow f
   return answered;
 }
 
-}  // namespace dravikctl
+}  // namespace conversation

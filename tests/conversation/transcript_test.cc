@@ -1,18 +1,18 @@
-// What monitor, decode and simulate print for a conversation: each row is a
-// frame seen in one direction at one time, and the line it gives, with
-// requests paired with their answers and the filters applied.
+// The transcript of a conversation, as monitor, decode and simulate print
+// it: each row is a frame seen in one direction at one time, and the line it
+// gives, with requests paired with their answers and the filters applied.
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "conversation/transcript.h"
 #include "tests/support/wire.h"
-#include "tools/dravikctl/commands.h"
 
 namespace {
 
 using catalogue::Flow;
-using dravikctl::ConversationPrinter;
-using dravikctl::Options;
+using conversation::Style;
+using conversation::Transcript;
 
 struct timespec at(long ms) { return {ms / 1000, (ms % 1000) * 1000000}; }
 
@@ -24,7 +24,7 @@ struct Row {
   bool passesFilter;  // --direction out --channel 1
 };
 
-TEST(DravikctlPrinter, LinesOfAConversation) {
+TEST(Transcript, LinesOfAConversation) {
   const Row rows[] = {
       {"00000030 00000001 00000064 0000000D 00000007 00000000 00000000000003E8 000032CA 000032CB 00000000 00000004"
        " 00000001",
@@ -52,11 +52,11 @@ TEST(DravikctlPrinter, LinesOfAConversation) {
        false},
       {"00000000", Flow::in, 1040, "00:00:01.040 in undecodable frame (invalid frame length 0): 00 00 00 00", false},
   };
-  Options plain, json, filtered;
+  Style plain, json, filtered;
   json.json = true;
   filtered.filter.direction = Flow::out;
   filtered.filter.channel = 1;
-  ConversationPrinter text(plain), objects(json), some(filtered);
+  Transcript text(plain), objects(json), some(filtered);
   for (const Row& row : rows) {
     std::string frame = bytesFromHex(row.frame);
     EXPECT_EQ(text.frame(frame, row.flow, at(row.seenMs)), row.text);

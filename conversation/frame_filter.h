@@ -1,15 +1,15 @@
-// Which frames monitor and decode print: every condition given must hold.
-#ifndef DRAVIK_TOOLS_DRAVIKCTL_FRAME_FILTER_H_
-#define DRAVIK_TOOLS_DRAVIKCTL_FRAME_FILTER_H_
+// Which frames of a conversation are shown: every condition given must hold.
+#ifndef DRAVIK_CONVERSATION_FRAME_FILTER_H_
+#define DRAVIK_CONVERSATION_FRAME_FILTER_H_
 
 #include <cstdint>
 #include <optional>
 #include <vector>
 
-#include "store/catalogue.h"
 #include "peer/frame_codec.h"
+#include "store/catalogue.h"
 
-namespace dravikctl {
+namespace conversation {
 
 struct FrameFilter {
   std::vector<int32_t> selectors;  // any of them; empty: any selector
@@ -22,6 +22,6 @@ struct FrameFilter {
   bool matches(const peer::DecodedFrame& frame, catalogue::Flow flow) const;
 };
 
-}  // namespace dravikctl
+}  // namespace conversation
 
-#endif  // DRAVIK_TOOLS_DRAVIKCTL_FRAME_FILTER_H_
+#endif  // DRAVIK_CONVERSATION_FRAME_FILTER_H_

@@ -1,0 +1,204 @@
+// dravikctl's command line, through the program: each row is the arguments
+// and what comes of them. A refused command line gives one line and status
+// 2; a command that sends writes the frame its arguments make into a
+// mailbox of the test's own (--no-wait); decode prints the frames of a
+// capture that its options choose.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "conversation/pcapng.h"
+#include "harness/child_process.h"
+#include "harness/temp_dir.h"
+#include "tests/support/pipes.h"
+#include "tests/support/store_files.h"
+#include "tests/support/wire.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+int gCtl = -1;
+
+struct Outcome {
+  int status = -1;  // the exit status; -1 when it did not exit
+  std::string out;
+  std::string err;
+};
+
+Outcome runCtl(const std::vector<std::string>& args) {
+  ChildProcess ctl;
+  std::string why;
+  EXPECT_TRUE(ctl.start(gCtl, "dravikctl", args, {}, &why)) << why;
+  std::optional<int> status = ctl.wait(10s);
+  Outcome outcome;
+  if (status && WIFEXITED(*status)) outcome.status = WEXITSTATUS(*status);
+  outcome.out = ctl.out();
+  outcome.err = ctl.err();
+  return outcome;
+}
+
+std::string joined(const std::vector<std::string>& args) {
+  std::string text;
+  for (const std::string& a : args) text += " " + a;
+  return text;
+}
+
+TEST(DravikctlCommandLine, RefusedWithOneLine) {
+  const struct {
+    std::vector<std::string> args;
+    std::string error;
+  } rows[] = {
+      {{}, "no command given"},
+      {{"bogus"}, "unknown command 'bogus'"},
+      {{"monitor", "--bogus"}, "unknown option '--bogus'"},
+      {{"-x", "monitor"}, "unknown option '-x'"},
+      {{"monitor", "--d"}, "ambiguous option '--d'"},
+      {{"monitor", "--hex=1"}, "option '--hex' takes no value"},
+      {{"monitor", "--count"}, "option '--count' needs a value"},
+      {{"monitor", "--count", "0"}, "invalid --count value '0' (a number of frames, more than 0)"},
+      {{"monitor", "--direction", "up"}, "invalid --direction value 'up' (in or out)"},
+      {{"simulate", "--block-size", "65489"}, "invalid --block-size value '65489' (0 to 65488 bytes)"},
+      {{"reset-all", "--log"}, "option '--log' applies to monitor only"},
+      {{"simulate", "--pid", "3"}, "option '--pid' applies to monitor and commands that send a message only"},
+      {{"reset-all", "1"}, "reset-all takes no arguments"},
+      {{"save-filter", "1"}, "save-filter takes N STATUS, got 1 argument"},
+      {{"reset-channel", "x"}, "invalid channel 'x' (a number such as 0 to 3)"},
+      {{"monitor", "--direct", "--pid", "5"},
+       "--direct reads the notification pipe; --pid names a process to tap: choose one"},
+      {{"get-filter", "1", "--no-wait", "--pid", "5"}, "--no-wait only sends; --direct and --pid say how to wait"},
+      {{"monitor", "--direct", "--log"}, "--log and --pcap need the tap, which --direct turns off"},
+      // Checked before any pipe is opened.
+      {{"calibration-response", "7", "/nonexistent/block"}, "cannot read /nonexistent/block"},
+  };
+  for (const auto& row : rows) {
+    Outcome outcome = runCtl(row.args);
+    EXPECT_EQ(outcome.status, 2) << joined(row.args);
+    EXPECT_EQ(outcome.out, "") << joined(row.args);
+    EXPECT_EQ(outcome.err, "dravikctl: " + row.error + "\nTry 'dravikctl --help' for more information.\n")
+        << joined(row.args);
+  }
+  // --help wins over everything else.
+  Outcome help = runCtl({"reset-all", "--bogus", "--help"});
+  EXPECT_EQ(help.status, 0);
+  EXPECT_EQ(help.out.substr(0, 48), "Usage: dravikctl [OPTIONS] COMMAND [ARGUMENTS]\n\n");
+  EXPECT_EQ(help.err, "");
+}
+
+// A frame with its id and timestamp, which differ from run to run, zeroed.
+std::string withoutIdAndTime(std::string frame) {
+  if (frame.size() >= 32) {
+    frame.replace(16, 4, 4, '\0');
+    frame.replace(24, 8, 8, '\0');
+  }
+  return frame;
+}
+
+Header header(int32_t selector, int32_t sender, int32_t correlationId = 0, int32_t responseSelector = 0) {
+  Header h;
+  h.selector = selector;
+  h.sender = sender;
+  h.id = 0;
+  h.correlationId = correlationId;
+  h.responseSelector = responseSelector;
+  return h;
+}
+
+TEST(DravikctlCommandLine, SendsTheFrameItsArgumentsMake) {
+  TempDir dir;
+  const std::string mailbox = makeFifo(dir.file("mailbox"));
+  Fd reader = openFd(mailbox, O_RDONLY | O_NONBLOCK);
+  const std::string blockFile = dir.file("block");
+  writeFile(blockFile, "\x01\x02\x03");
+  char cwd[4096];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  const std::string relative = std::string(cwd) + "/no-such-filter.xml";
+  const struct {
+    std::vector<std::string> args;
+    std::string frame;
+    std::string err;
+  } rows[] = {
+      {{"save-filter", "1", "-5"}, frame(header(13006, 2), be32(1) + be32(static_cast<uint32_t>(-5))), ""},
+      {{"save-filter", "1", "--", "-5"}, frame(header(13006, 2), be32(1) + be32(static_cast<uint32_t>(-5))), ""},
+      {{"--sender", "-3", "reset-channel", "2", "--timeout=0.5"}, frame(header(14, -3), be32(2)), ""},
+      {{"reset-all", "--resp", "5"}, frame(header(13, 100, 0, 5)), ""},
+      {{"get-filter", "1"}, frame(header(13002, 100, 0, 13003), be32(1)), ""},
+      {{"calibration-response", "7", blockFile}, frame(header(2045, 11, 7), block("\x01\x02\x03")), ""},
+      {{"set-filter", "2", "no-such-filter.xml"}, frame(header(13004, 100), be32(2) + str(relative)),
+       "dravikctl: warning: " + relative + " does not exist (sent all the same)\n"},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> args = {"--no-wait", "--mailbox", mailbox};
+    args.insert(args.end(), row.args.begin(), row.args.end());
+    Outcome outcome = runCtl(args);
+    EXPECT_EQ(outcome.status, 0) << joined(row.args) << ": " << outcome.err;
+    EXPECT_EQ(outcome.err, row.err) << joined(row.args);
+    EXPECT_EQ(toHex(withoutIdAndTime(readAvailable(reader.get()))), toHex(row.frame)) << joined(row.args);
+  }
+}
+
+TEST(DravikctlCommandLine, DecodePrintsTheFramesItsOptionsChoose) {
+  Header request = header(13002, 100, 0, 13003);
+  request.id = 7;
+  request.milliseconds = 1000;
+  Header notification = header(13004, 13, 0, 13006);
+  notification.recipient = 2;
+  notification.id = 4;
+  notification.milliseconds = 1000;
+  TempDir dir;
+  const std::string capture = dir.file("capture.pcapng");
+  const std::string notificationFrame = frame(notification, be32(2) + str("/f"));
+  writeFile(capture, pcapng::fileHeader() +
+                         pcapng::packetBlock(frame(request, be32(1)), catalogue::Flow::in, {1, 3000000}) +
+                         pcapng::packetBlock(notificationFrame, catalogue::Flow::out, {1, 10000000}));
+  const std::string first =
+      "00:00:01.003 in GetAnalyticsFilterDataRequest 100->13 id=7 corr=0 resp=13003 channel=1 stamp=00:00:01.000 "
+      "age=3ms\n";
+  const std::string second =
+      "00:00:01.010 out SetAnalyticsFilterDataNotification 13->2 id=4 corr=0 resp=13006 channel=2 fileName=\"/f\" "
+      "stamp=00:00:01.000 age=10ms\n";
+  const struct {
+    std::vector<std::string> options;
+    std::string out;
+  } rows[] = {
+      {{}, first + second},
+      {{"--selector=13002", "--selector", "13004"}, first + second},
+      {{"--selector", "13004"}, second},
+      {{"--channel", "2"}, second},
+      {{"--direction", "in"}, first},
+      {{"--endpoint", "2"}, second},
+      {{"--count", "1"}, first},
+      {{"--json", "--direction", "in"},
+       "{\"time\":\"1970-01-01T00:00:01.003Z\",\"direction\":\"in\",\"class\":\"GetAnalyticsFilterDataRequest\","
+       "\"sender\":100,\"recipient\":13,\"id\":7,\"correlationId\":0,\"responseSelector\":13003,\"selector\":13002,"
+       "\"flags\":0,\"version\":1,\"timestamp\":1000,\"argsLength\":4,\"stamp\":\"1970-01-01T00:00:01.000Z\","
+       "\"ageMs\":3,\"args\":{\"channel\":1}}\n"},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> args = {"decode", capture};
+    args.insert(args.end(), row.options.begin(), row.options.end());
+    Outcome outcome = runCtl(args);
+    EXPECT_EQ(outcome.status, 0) << joined(row.options) << ": " << outcome.err;
+    EXPECT_EQ(outcome.out, row.out) << joined(row.options);
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  gCtl = openExecutable(DRAVIKCTL_BINARY);
+  if (gCtl < 0) {
+    std::fprintf(stderr, "no dravikctl at %s\n", DRAVIKCTL_BINARY);
+    return 1;
+  }
+  return RUN_ALL_TESTS();
+}
