@@ -327,13 +327,8 @@ namespace {
 // True for an O_PATH descriptor, which names a file without opening it (a
 // program that checks what a path is before it opens it holds one).
 bool pathOnly(pid_t pid, int fd) {
-  std::ifstream info("/proc/" + std::to_string(pid) + "/fdinfo/" + std::to_string(fd));
-  std::string key;
-  unsigned long flags = 0;
-  while (info >> key) {
-    if (key == "flags:" && info >> std::oct >> flags) return (flags & O_PATH) != 0;
-  }
-  return false;
+  std::string flags = procfs::field(procfs::path(pid, "fdinfo/" + std::to_string(fd)), "flags");
+  return !flags.empty() && (std::stoul(flags, nullptr, 8) & O_PATH) != 0;
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ BinaryMessage* BinaryInputFifo::getMessage() {
     bistream frameIn(stream);
     frameIn >> frame;
     const uint32_t length = frame.length;
-    if (length == 0 || length > kMaxPayloadLength) {
+    if (!isAcceptedPayloadLength(length)) {
       // The bytes an oversized length announced stay in the pipe: there is no
       // marker to resynchronise on, so the next length is read from them.
       ConsoleLine(std::cerr) << " Warn: Message with invalid length received (" << length << " bytes)";

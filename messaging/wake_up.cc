@@ -1,7 +1,6 @@
 #include "messaging/wake_up.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <unistd.h>
 
 WakeUp::WakeUp() {
@@ -24,7 +23,3 @@ void WakeUp::trigger() {
   if (write_ >= 0) (void)!::write(write_, &byte, 1);
 }
 
-bool WakeUp::triggered() const {
-  struct pollfd p = {read_, POLLIN, 0};
-  return read_ >= 0 && poll(&p, 1, 0) == 1;
-}

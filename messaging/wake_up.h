@@ -13,7 +13,6 @@ class WakeUp {
 
   // Async-signal-safe and idempotent.
   void trigger();
-  bool triggered() const;
   // The descriptor to poll for POLLIN.
   int fd() const { return read_; }
 

@@ -1,5 +1,7 @@
 #include "store/analytics_filter_store.h"
 
+#include <cassert>
+
 #include "messaging/system_log.h"
 #include "store/service_messages.h"
 
@@ -18,6 +20,7 @@ void SetAnalyticsFilterData(int32_t channel, const std::string& fileName) {
 }
 
 void SendAnalyticsFilterDataNotification(int32_t channel, const std::string& fileName) {
+  assert(channel >= 0 && channel < kChannelCount);  // SetAnalyticsFilterData checked it
   SetAnalyticsFilterDataNotification notification;
   notification.channel = channel;
   notification.fileName = fileName;

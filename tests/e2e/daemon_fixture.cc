@@ -57,7 +57,7 @@ void DaemonFixture::start(const std::vector<std::string>& args, const ChildOptio
 }
 
 void DaemonFixture::connect() {
-  comm_ = openFd(kComm, O_RDONLY | O_NONBLOCK);
+  comm_ = openFd(kNotificationFifoPath, O_RDONLY | O_NONBLOCK);
   commBytes_.clear();
   ASSERT_NO_FATAL_FAILURE(openMailbox());
   ASSERT_TRUE(waitForLine(info("API: starting dispatcher")));
@@ -65,7 +65,7 @@ void DaemonFixture::connect() {
 
 void DaemonFixture::openMailbox() {
   std::string error;
-  ASSERT_TRUE(mailbox_.open(kMailbox, &error)) << error;
+  ASSERT_TRUE(mailbox_.open(kCommandFifoPath, &error)) << error;
 }
 
 bool DaemonFixture::waitForLine(const SyslogLine& line, std::size_t count) const {

@@ -20,9 +20,6 @@
 #include "tests/support/capture.h"
 #include "tests/support/pipes.h"
 
-// The daemon's two pipes, by the short names the tests use.
-constexpr const char* kMailbox = kCommandFifoPath;
-constexpr const char* kComm = kNotificationFifoPath;
 // Only a guard against a hung test; no test relies on it.
 constexpr std::chrono::milliseconds kGuard{10000};
 
@@ -40,7 +37,7 @@ class DaemonFixture : public ::testing::Test {
   // Starts dravik with `args` (a new one after each stop) and waits until it
   // holds its mailbox open: `mailbox`, the pipe that the path leads to.
   void start(const std::vector<std::string>& args, const ChildOptions& options = {},
-             const std::string& mailbox = kMailbox);
+             const std::string& mailbox = kCommandFifoPath);
   // Opens the notification pipe and the mailbox like the camera's peers,
   // and waits until the dispatcher runs.
   void connect();

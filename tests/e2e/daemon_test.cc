@@ -80,7 +80,7 @@ TEST_F(DaemonTest, BadOptionsEndWithStatus127AfterTheBanner) {
     EXPECT_EQ(child.err(), row.second);
     syslog_.flush(kGuard);
     EXPECT_EQ(syslog_.lines(child.pid()), std::vector<SyslogLine>{kBanner}) << row.second;
-    EXPECT_FALSE(fileExists(kMailbox));
+    EXPECT_FALSE(fileExists(kCommandFifoPath));
   }
 }
 
@@ -152,7 +152,7 @@ TEST_F(DaemonTest, StopUnderAFloodRunsNoMessageAfterTheExitIsSignalled) {
 
 TEST_F(DaemonTest, FirstWriterEndsTheWaitEvenIfItSendsNothing) {
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
-  Fd(openFd(kMailbox, O_WRONLY)).reset();
+  Fd(openFd(kCommandFifoPath, O_WRONLY)).reset();
   ASSERT_TRUE(waitForLine(kEmpty));
   EXPECT_EQ(log(), concat(startLines("1000"), {kEmpty}));
   EXPECT_TRUE(daemon_->waitForErr(kEndOfFile.substr(6), kGuard));
@@ -166,8 +166,8 @@ TEST_F(DaemonTest, FirstWriterEndsTheWaitEvenIfItSendsNothing) {
 TEST_F(DaemonTest, PipesReachedThroughLinksAreUsed) {
   makeFifo("/tmp/real.mailbox");
   makeFifo("/tmp/real.comm");
-  ASSERT_EQ(symlink("/tmp/real.mailbox", kMailbox), 0);
-  ASSERT_EQ(symlink("/tmp/real.comm", kComm), 0);
+  ASSERT_EQ(symlink("/tmp/real.mailbox", kCommandFifoPath), 0);
+  ASSERT_EQ(symlink("/tmp/real.comm", kNotificationFifoPath), 0);
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}, {}, "/tmp/real.mailbox"));
   ASSERT_NO_FATAL_FAILURE(connect());
   EXPECT_EQ(log(), startLines("1000"));
@@ -207,20 +207,20 @@ TEST_F(DaemonTest, MailboxRemovedOrReplacedWhileIdleIsFollowed) {
   ASSERT_NO_FATAL_FAILURE(connect());
   mailbox_.close();
   ASSERT_TRUE(waitForLine(kEmpty));
-  chmod(kMailbox, 0666);
-  ASSERT_EQ(unlink(kMailbox), 0);
-  for (int i = 0; i < 1000 && !fileExists(kMailbox); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  chmod(kCommandFifoPath, 0666);
+  ASSERT_EQ(unlink(kCommandFifoPath), 0);
+  for (int i = 0; i < 1000 && !fileExists(kCommandFifoPath); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
   struct stat info;
-  ASSERT_EQ(lstat(kMailbox, &info), 0);
+  ASSERT_EQ(lstat(kCommandFifoPath, &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0666u);
   ASSERT_NO_FATAL_FAILURE(connect());
   EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
   mailbox_.close();
   ASSERT_TRUE(waitForLine(kEmpty, 2));
   makeFifo("/tmp/replacement");
-  ASSERT_EQ(rename("/tmp/replacement", kMailbox), 0);
+  ASSERT_EQ(rename("/tmp/replacement", kCommandFifoPath), 0);
   std::string error;
-  for (int i = 0; i < 1000 && !mailbox_.open(kMailbox, &error); ++i) {
+  for (int i = 0; i < 1000 && !mailbox_.open(kCommandFifoPath, &error); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 2}, be32(3))).frames.size(), 1u);
@@ -246,7 +246,7 @@ TEST_F(DaemonTest, MailboxThatCannotBeMadeAgainIsReportedOncePerStretch) {
   ASSERT_EQ(mkfifoat(lower.get(), "next", 0666), 0);
   ASSERT_EQ(renameat(lower.get(), "next", lower.get(), "dravik.mailbox"), 0);
   std::string error;
-  for (int i = 0; i < 1000 && !mailbox_.open(kMailbox, &error); ++i) {
+  for (int i = 0; i < 1000 && !mailbox_.open(kCommandFifoPath, &error); ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
@@ -255,8 +255,8 @@ TEST_F(DaemonTest, MailboxThatCannotBeMadeAgainIsReportedOncePerStretch) {
 
 // Fills the notification pipe with a frame of junk, leaving `room` bytes.
 Fd fillNotificationPipe(std::size_t room) {
-  makeFifo(kComm);
-  Fd holder = openFd(kComm, O_RDWR | O_NONBLOCK);
+  makeFifo(kNotificationFifoPath);
+  Fd holder = openFd(kNotificationFifoPath, O_RDWR | O_NONBLOCK);
   int size = fcntl(holder.get(), F_GETPIPE_SZ);
   writeAll(holder.get(), std::string(static_cast<std::size_t>(size) - room, 'j'));
   return holder;
@@ -357,8 +357,8 @@ TEST_F(PrivilegeTest, UnprivilegedDaemonCannotMoveAFileItCannotReach) {
   options.uid = user;
   options.gid = user;
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}, options));
-  chmod(kMailbox, 0666);
-  chmod(kComm, 0666);
+  chmod(kCommandFifoPath, 0666);
+  chmod(kNotificationFifoPath, 0666);
   ASSERT_NO_FATAL_FAILURE(connect());
   exchange(frame(Header{13004, 100, 13, 1}, be32(1) + str(secret)));
   Reply saved = exchange(frame(Header{13006, 2, 13, 2}, be32(1) + be32(0)));
@@ -374,7 +374,7 @@ TEST_F(DaemonTest, SymlinkWhereTheNotificationPipeShouldBeGetsNothing) {
   const std::string target = "/etc/sysconfig/root-only";
   writeFile(target, "");
   chmod(target.c_str(), 0600);
-  ASSERT_EQ(symlink(target.c_str(), kComm), 0);
+  ASSERT_EQ(symlink(target.c_str(), kNotificationFifoPath), 0);
   ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
   std::string error;
   ASSERT_NO_FATAL_FAILURE(openMailbox());

@@ -2,6 +2,7 @@
 // with --direct, what the service sends, from the notification pipe); and
 // decode, which prints a capture of monitor --pcap the same way.
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -20,7 +21,6 @@
 #include "tools/dravikctl/output_queue.h"
 #include "tools/dravikctl/proc_scan.h"
 #include "tools/dravikctl/report.h"
-#include "tools/dravikctl/stop_signals.h"
 #include "tools/dravikctl/tap.h"
 
 namespace dravikctl {

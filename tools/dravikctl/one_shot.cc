@@ -27,7 +27,6 @@
 #include "tools/dravikctl/output_queue.h"
 #include "tools/dravikctl/proc_scan.h"
 #include "tools/dravikctl/report.h"
-#include "tools/dravikctl/stop_signals.h"
 #include "tools/dravikctl/tap.h"
 
 namespace dravikctl {

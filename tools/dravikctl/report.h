@@ -4,7 +4,11 @@
 #ifndef DRAVIK_TOOLS_DRAVIKCTL_REPORT_H_
 #define DRAVIK_TOOLS_DRAVIKCTL_REPORT_H_
 
+#include <signal.h>
+
 #include <string>
+
+#include "messaging/signal_descriptor.h"
 
 namespace dravikctl {
 
@@ -22,6 +26,14 @@ int usageError(const std::string& message);
 bool printLine(const std::string& line);
 // The same for text that brings its own line ends.
 bool printText(const std::string& text);
+
+// SIGINT, SIGTERM and SIGHUP from construction on: a long-running command
+// watches the descriptor in its waits and ends cleanly instead of dying in
+// the middle of a line.
+class StopSignals : public SignalDescriptor {
+ public:
+  StopSignals() : SignalDescriptor({SIGINT, SIGTERM, SIGHUP}) {}
+};
 
 }  // namespace dravikctl
 

@@ -14,7 +14,6 @@
 #include "tools/dravikctl/options.h"
 #include "tools/dravikctl/proc_scan.h"
 #include "tools/dravikctl/report.h"
-#include "tools/dravikctl/stop_signals.h"
 
 namespace dravikctl {
 namespace {
