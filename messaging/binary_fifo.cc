@@ -158,14 +158,7 @@ std::mutex& BinaryOutputFifo::sendMutex() {
 }
 
 void BinaryOutputFifo::open() {
-  if (stream.is_open()) return;
-  if (stream.open(path)) {
-    stream.clear();
-  } else {
-    stream.setstate(std::ios::failbit);
-  }
-  if (stream.fail()) {
-    stream.clear();
+  if (openStream() == Opening::failed) {
     ConsoleLine(std::cerr) << " Error: Attempt to open binary output FIFO failed: " << path;
   }
 }

@@ -24,19 +24,26 @@ void InputFifo::close() {
   if (!stream.close()) stream.setstate(std::ios::failbit);
 }
 
-void OutputFifo::open() {
-  if (stream.is_open()) return;
+OutputFifo::Opening OutputFifo::openStream() {
+  if (stream.is_open()) return Opening::wasOpen;
   if (stream.open(path)) {
     stream.clear();
-  } else {
-    stream.setstate(std::ios::failbit);
+    return Opening::opened;
   }
-  if (stream.fail()) {
-    // Left good while closed: the next write fails and marks it bad.
-    stream.clear();
-    std::cout << "Attempt to open output FIFO failed (no reader yet)" << std::endl;
-  } else {
-    std::cout << "Opened output FIFO" << std::endl;
+  stream.clear();
+  return Opening::failed;
+}
+
+void OutputFifo::open() {
+  switch (openStream()) {
+    case Opening::wasOpen:
+      break;
+    case Opening::opened:
+      std::cout << "Opened output FIFO" << std::endl;
+      break;
+    case Opening::failed:
+      std::cout << "Attempt to open output FIFO failed (no reader yet)" << std::endl;
+      break;
   }
 }
 

@@ -70,6 +70,13 @@ class OutputFifo : public Fifo {
   void send(const Message& message);
 
   PipeOutputStream stream;
+
+ protected:
+  enum class Opening { wasOpen, opened, failed };
+  // The open both output endpoints share: a stream that fails to open is
+  // left closed with its state cleared, so that the next write fails and
+  // marks it bad. The caller reports the outcome in its own words.
+  Opening openStream();
 };
 
 #endif  // DRAVIK_MESSAGING_FIFO_H_
