@@ -1,9 +1,11 @@
 #!/bin/sh
 # Cross-builds dravik for an ARM target with Debian's cross compilers, runs
 # the unit tests under qemu-user, reports the daemon's stripped size and
-# shared libraries, builds and checks the target's Debian package
-# (packaging/check-deb.sh), and then runs the end-to-end suite under qemu
-# when it can.
+# shared libraries, builds and checks the target's Debian packages
+# (packaging/check-deb.sh), builds the example peers against the target's
+# library packages as a cross-compiling consumer would, through pkg-config
+# and CMake (packaging/check-consumers.sh), and then runs the end-to-end
+# suite under qemu when it can.
 #
 #   packaging/cross-test.sh ARCH [BUILD_DIR]
 #
@@ -18,7 +20,7 @@
 # suite runs in a user namespace with a binfmt_misc instance of its own
 # (Linux 6.7 or later), which leaves the machine's registrations untouched.
 #
-# Exit status: 0 when the build, the unit tests, the package check and (if
+# Exit status: 0 when the build, the unit tests, the package checks and (if
 # run) the end-to-end tests pass; 1 otherwise; 2 on bad usage.
 set -eu
 
@@ -52,13 +54,14 @@ command -v ninja >/dev/null 2>&1 || missing="$missing ninja-build"
 command -v dpkg-shlibdeps >/dev/null 2>&1 || missing="$missing dpkg-dev"
 command -v lintian >/dev/null 2>&1 || missing="$missing lintian"
 command -v hardening-check >/dev/null 2>&1 || missing="$missing devscripts"
+command -v pkg-config >/dev/null 2>&1 || missing="$missing pkgconf"
 if [ -n "$missing" ]; then
   if [ "$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then
     say "installing$missing"
     # shellcheck disable=SC2086
     apt-get update -qq && DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $missing >/dev/null
   else
-    say "missing packages; as root: apt-get install$missing" >&2
+    say "missing packages; as root: apt-get update && apt-get install -y$missing" >&2
     exit 1
   fi
 fi
@@ -66,7 +69,7 @@ fi
 if [ ! -f "$build/CMakeCache.txt" ]; then
   cmake -S "$src" -B "$build" -G Ninja \
     -DCMAKE_TOOLCHAIN_FILE="$toolchain" \
-    -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
     -DDRAVIK_TESTS=ON -DDRAVIK_WERROR=ON >/dev/null
 fi
 say "building in $build"
@@ -86,8 +89,12 @@ size=$(wc -c <"$stripped")
 needed=$("$triple-readelf" -d "$stripped" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' | tr '\n' ' ')
 say "stripped dravik: $size bytes; NEEDED: $needed"
 
-say "Debian package for $arch"
+say "Debian packages for $arch"
 if ! JOBS=$jobs sh "$src/packaging/check-deb.sh" "$build"; then
+  status=1
+fi
+say "consumers of libdravik-messaging for $arch"
+if ! sh "$src/packaging/check-consumers.sh" "$build"; then
   status=1
 fi
 
