@@ -1,6 +1,8 @@
 # Entry points for people and CI. Every target installs what it needs first.
+#   make demo   the daemon with simulated peers, as one transcript
 #   make run    build and run the daemon for real (root)
 #   make test   build and pass the whole test suite
+#   make deb    build and check the Debian packages
 BUILD     ?= build
 JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
 # Ninja when it is installed, chosen by the shell when cmake runs, that is
@@ -8,33 +10,49 @@ JOBS      ?= $(shell nproc 2>/dev/null || echo 2)
 CMAKE_GEN = $$(command -v ninja >/dev/null 2>&1 && echo -G Ninja)
 CMAKE_ARGS ?=
 
-# Debian packages the build and the tests need; CI adds its own through
-# EXTRA_DEPS (sanitizer runtimes, fuzzing, cross compilers, qemu). tshark
-# reads the tap's captures with the shipped dissector; installed without a
-# terminal, it answers its debconf question (setuid dumpcap) with no.
-DEPS := cmake make g++ clang ninja-build libgtest-dev libgmock-dev googletest util-linux faketime tshark $(EXTRA_DEPS)
+# Debian packages, as each goal needs them; CI adds its own through
+# EXTRA_DEPS (sanitizer runtimes, fuzzing, cross compilers, qemu).
+#   DEMO_DEPS  the daemon, dravikctl and the demo (libfaketime shows the
+#              hourly cycle in seconds): also for `make run`
+#   TEST_DEPS  the demo's, GoogleTest's sources, and tshark, which reads the
+#              tap's captures with the shipped dissector (installed without a
+#              terminal, it answers its debconf question, setuid dumpcap, no)
+#   DEB_DEPS   the demo's, and what builds and checks the Debian packages
+DEMO_DEPS := cmake make g++ ninja-build util-linux faketime
+TEST_DEPS := $(DEMO_DEPS) googletest tshark
+DEB_DEPS := $(DEMO_DEPS) dpkg-dev file binutils lintian devscripts systemd
+DEPS = $(TEST_DEPS) $(EXTRA_DEPS)
+demo run: DEPS = $(DEMO_DEPS) $(EXTRA_DEPS)
+deb: DEPS = $(DEB_DEPS) $(EXTRA_DEPS)
+# The test suite is built where GoogleTest is installed; `make test` turns
+# it on in a build directory that the demo configured without it.
+test: TESTS = ON
 
 .PHONY: all deps configure build test run clean stats
 
 all: build
 
 # Installs what is missing (root), or prints the one line that does (others).
+# Only what the packages depend on: g++ alone would recommend image codecs.
 deps:
 	@missing=$$(for p in $(DEPS); do dpkg-query -W -f='$${Status}\n' $$p 2>/dev/null | grep -q 'ok installed' || echo $$p; done | tr '\n' ' '); \
 	missing=$${missing% }; \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ]; then \
 	    echo "Installing: $$missing"; \
-	    apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y $$missing || exit 1; \
+	    apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $$missing || exit 1; \
 	  else \
 	    echo "Missing Debian packages. Install them as root, then run make again:"; \
-	    echo "  apt-get update && apt-get install -y $$missing"; \
+	    echo "  apt-get update && apt-get install -y --no-install-recommends $$missing"; \
 	    exit 1; \
 	  fi; \
 	fi
 
 configure: deps
 	@test -f $(BUILD)/CMakeCache.txt || cmake -S . -B $(BUILD) $(CMAKE_GEN) $(CMAKE_ARGS)
+	@if [ -n "$(TESTS)" ] && ! grep -q '^DRAVIK_TESTS:BOOL=$(TESTS)$$' $(BUILD)/CMakeCache.txt; then \
+	  cmake -S . -B $(BUILD) -DDRAVIK_TESTS=$(TESTS); \
+	fi
 
 build: configure
 	cmake --build $(BUILD) -j $(JOBS)
@@ -69,6 +87,15 @@ clean:
 demo: configure
 	cmake --build $(BUILD) -j $(JOBS) --target dravik_demo
 	$(BUILD)/tools/dravik_demo
+
+# The Debian packages (dravik, dravik-tools, libdravik-messaging1,
+# libdravik-messaging-dev), built in a directory of their own for the prefix
+# /usr and checked as packaging/check-deb.sh says.
+DEB_BUILD ?= build-deb
+.PHONY: deb
+deb: deps
+	JOBS=$(JOBS) bash packaging/check-deb.sh $(DEB_BUILD)
+	@ls -l $(DEB_BUILD)/*.deb
 
 # Benchmarks, in a build directory of their own and never part of `make test`
 # (root: they run the daemon in a mount namespace). `make bench` measures the

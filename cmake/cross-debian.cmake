@@ -27,3 +27,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 # Every object of the program is built by the same compiler, so those ABI
 # differences never meet.
 set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
+
+# Libraries go to Debian's multiarch directory of the target, as a native
+# build for /usr gets it from GNUInstallDirs (which leaves cross builds at
+# lib): the packages install beside the build machine's own.
+set(CMAKE_INSTALL_LIBDIR lib/${DRAVIK_CROSS_TRIPLE} CACHE PATH "Object code libraries (lib/<multiarch>)")

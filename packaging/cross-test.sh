@@ -75,14 +75,84 @@ fi
 say "building in $build"
 cmake --build "$build" -j "$jobs"
 
+# How the kernel runs a program of the target: directly (a binfmt_misc entry
+# for qemu on the machine), through a binfmt_misc instance of a private user
+# namespace (Linux 6.7 or later; the machine's registrations stay as they
+# are), or not at all. Tests that exec the daemon or dravikctl need one of
+# the first two; test programs themselves run under qemu through CTest.
+daemon=$build/service/dravik
+exec_mode=none
+why_not=
+rule=
+direct=0
+"$daemon" -x >/dev/null 2>&1 || direct=$?
+rule_file=/usr/lib/binfmt.d/$qemu.conf
+if [ "$direct" = 127 ]; then
+  exec_mode=direct
+elif [ "$(id -u)" != 0 ]; then
+  why_not="the sandbox needs root"
+elif ! command -v unshare >/dev/null 2>&1; then
+  why_not="unshare is missing (package util-linux)"
+elif [ ! -f "$rule_file" ]; then
+  why_not="no binfmt_misc entry for $qemu, and $rule_file is missing (package qemu-user-binfmt)"
+else
+  # Debian's rule, with F added: the interpreter is opened now, so that it is
+  # still found when a test covers parts of the file system. O hands qemu the
+  # program as a descriptor (the tests exec /proc/self/fd/N of a close-on-exec
+  # descriptor), P keeps argv[0] as the tests expect it.
+  rule=$(sed -n '/^:/p' "$rule_file" | sed 's/:\([A-Z]*\)$/:\1F/')
+  probe='mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc 2>/dev/null &&
+    ! [ -e /proc/sys/fs/binfmt_misc/'"$qemu"' ]'
+  if unshare -U -r -m --propagation private sh -c "$probe" 2>/dev/null; then
+    exec_mode=private
+  else
+    why_not="no binfmt_misc entry for $qemu, and no private binfmt_misc instance in a user namespace (Linux $(uname -r); 6.7 or later has one)"
+  fi
+fi
+case $exec_mode in
+  direct) say "the machine's binfmt_misc runs $arch programs" ;;
+  private) say "$arch programs run through a binfmt_misc instance in a private user namespace" ;;
+  none) say "$arch programs cannot be executed here: $why_not" ;;
+esac
+
+# The tests run in a private mount namespace. There the libfaketime of the
+# build machine is hidden: the tests that compress the daemon's hour-long
+# schedule with it would preload it into an ARM process, which cannot load an
+# x86-64 library, so they report themselves skipped instead of waiting out the
+# real schedule. A libfaketime for the target (multiarch) stays visible.
+# shellcheck disable=SC2016
+run='set -e
+if [ -n "$RULE" ]; then
+  mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
+  printf "%s" "$RULE" >/proc/sys/fs/binfmt_misc/register
+fi
+for dir in /usr/lib/*/faketime /usr/lib/faketime /usr/local/lib/faketime; do
+  if [ -d "$dir" ] && [ "$dir" != "/usr/lib/$TRIPLE/faketime" ]; then
+    mount -t tmpfs -o ro,size=4k hidden-faketime "$dir"
+    echo "cross-test: hid $dir (not built for $TRIPLE)"
+  fi
+done
+cd "$BUILD"
+ctest "$@" -j "$JOBS" --output-on-failure'
+# ctest with the given selection, where target programs can be executed.
+run_ctest() {
+  case $exec_mode in
+    direct) set -- "" ;;
+    private) set -- "$rule" -U -r ;;
+    none) (cd "$build" && ctest "$@" -j "$jobs" --output-on-failure); return ;;
+  esac
+  register=$1
+  shift
+  RULE=$register TRIPLE=$triple BUILD=$build JOBS=$jobs QEMU_LD_PREFIX=$sysroot \
+    unshare "$@" -m --propagation private sh -c "$run" sh $selection
+}
+
 status=0
 say "unit tests under $qemu"
-if ! (cd "$build" && ctest -LE e2e -j "$jobs" --output-on-failure); then
-  status=1
-fi
+selection="-LE e2e"
+run_ctest $selection || status=1
 
 # What the camera gets: the stripped daemon and the libraries it needs.
-daemon=$build/service/dravik
 stripped=$build/dravik.stripped
 "$triple-strip" -o "$stripped" "$daemon"
 size=$(wc -c <"$stripped")
@@ -112,68 +182,12 @@ if [ "$(cd "$build" && ctest -N -L e2e | sed -n 's/^Total Tests: //p')" = 0 ]; t
   say "no end-to-end tests in this build"
   exit $status
 fi
-
-cannot() {
-  say "end-to-end suite cannot run under $qemu: $*"
+if [ "$exec_mode" = none ]; then
+  say "end-to-end suite cannot run under $qemu: $why_not"
   if [ "$e2e" = yes ]; then exit 1; fi
   exit $status
-}
-
-# The suite runs in a private mount namespace. There the libfaketime of the
-# build machine is hidden: the tests that compress the daemon's hour-long
-# schedule with it would preload it into an ARM process, which cannot load an
-# x86-64 library, so they report themselves skipped instead of waiting out the
-# real schedule. A libfaketime for the target (multiarch) stays visible.
-# shellcheck disable=SC2016
-run='set -e
-if [ -n "$RULE" ]; then
-  mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
-  printf "%s" "$RULE" >/proc/sys/fs/binfmt_misc/register
 fi
-for dir in /usr/lib/*/faketime /usr/lib/faketime /usr/local/lib/faketime; do
-  if [ -d "$dir" ] && [ "$dir" != "/usr/lib/$TRIPLE/faketime" ]; then
-    mount -t tmpfs -o ro,size=4k hidden-faketime "$dir"
-    echo "cross-test: hid $dir (not built for $TRIPLE)"
-  fi
-done
-cd "$BUILD"
-ctest -L e2e -j "$JOBS" --output-on-failure'
-run_e2e() {
-  register=$1
-  shift
-  RULE=$register TRIPLE=$triple BUILD=$build JOBS=$jobs QEMU_LD_PREFIX=$sysroot \
-    unshare "$@" -m --propagation private sh -c "$run"
-}
-
-[ "$(id -u)" = 0 ] || cannot "the end-to-end sandbox needs root"
-command -v unshare >/dev/null 2>&1 || cannot "unshare is missing (package util-linux)"
-
-# Can the kernel exec the daemon directly? -x must end it with status 127;
-# without a binfmt_misc entry for qemu the exec fails (Exec format error).
-direct=0
-"$daemon" -x >/dev/null 2>&1 || direct=$?
-if [ "$direct" = 127 ]; then
-  say "end-to-end suite under $qemu (the machine's binfmt_misc runs $arch programs)"
-  run_e2e "" || status=1
-  exit $status
-fi
-say "the kernel cannot exec $arch programs here (exit $direct): no binfmt_misc entry for $qemu"
-
-# A private binfmt_misc instance: needs user namespaces and Linux 6.7 or
-# later (an older kernel shares one instance for the whole machine, which
-# this script does not change).
-rule_file=/usr/lib/binfmt.d/$qemu.conf
-[ -f "$rule_file" ] || cannot "$rule_file is missing (package qemu-user-binfmt)"
-# Debian's rule, with F added: the interpreter is opened now, so that it is
-# still found when a test covers parts of the file system. O hands qemu the
-# program as a descriptor (the tests exec /proc/self/fd/N of a close-on-exec
-# descriptor), P keeps argv[0] as the tests expect it.
-rule=$(sed -n '/^:/p' "$rule_file" | sed 's/:\([A-Z]*\)$/:\1F/')
-probe='mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc 2>/dev/null &&
-  ! [ -e /proc/sys/fs/binfmt_misc/'"$qemu"' ]'
-if ! unshare -U -r -m --propagation private sh -c "$probe" 2>/dev/null; then
-  cannot "no private binfmt_misc instance in a user namespace (Linux $(uname -r); 6.7 or later has one)"
-fi
-say "end-to-end suite under $qemu, with a binfmt_misc instance in a private user namespace"
-run_e2e "$rule" -U -r || status=1
+say "end-to-end suite under $qemu"
+selection="-L e2e"
+run_ctest $selection || status=1
 exit $status
