@@ -195,6 +195,7 @@ TEST(DravikctlCommandLine, DecodePrintsTheFramesItsOptionsChoose) {
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
+  if (::testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
   gCtl = openExecutable(DRAVIKCTL_BINARY);
   if (gCtl < 0) {
     std::fprintf(stderr, "no dravikctl at %s\n", DRAVIKCTL_BINARY);

@@ -284,6 +284,7 @@ std::string whyNoTracing() {
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
+  if (::testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
   gDaemon = openExecutable(DRAVIK_BINARY);
   gCtl = openExecutable(DRAVIKCTL_BINARY);
   gCat = openExecutable("/bin/cat");
