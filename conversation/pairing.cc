@@ -40,11 +40,12 @@ std::optional<Answered> Pairing::observe(const peer::DecodedFrame& frame, Flow f
       }
     }
     if (match != requests.end()) {
-      answered = Answered{match->id, match->className, millisecondsBetween(match->seen, seen)};
+      answered = Answered{match->id, match->className, millisecondsBetween(match->seen, seen), match->channel};
       requests.erase(match);
     }
   }
-  if (h.responseSelector != 0) {
+  // dravik answers a 13002 with the selector it names, even 0.
+  if (h.responseSelector != 0 || (flow == Flow::in && h.selector == kGetAnalyticsFilterDataSelector)) {
     std::deque<Open>& requests = open_[{opposite(flow), h.responseSelector}];
     requests.push_back({h.id, channelOf(frame), frame.decoded() ? frame.entry->name : "", seen});
     if (requests.size() > kOpenLimit) requests.pop_front();

@@ -26,6 +26,7 @@ struct Answered {
   int32_t requestId = 0;
   std::string requestClass;  // empty when the request was undecodable
   double afterMs = 0;        // from the request's capture to the answer's
+  int64_t channel = -1;      // the request's channel; -1: none
 };
 
 class Pairing {

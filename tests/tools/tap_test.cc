@@ -4,6 +4,7 @@
 // shipped dissector reads its capture; one-shot commands report the daemon's
 // verdict; and the daemon outlives a tool killed in the middle.
 #include <sys/ptrace.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -223,43 +224,135 @@ TEST_F(TapTest, DaemonOutlivesAKilledTool) {
   expectDaemonRuns();
 }
 
+// What stands around the daemon while a command runs.
+enum class Around {
+  nothing,
+  noLog,      // no syslog socket at /dev/log
+  monitored,  // a monitor taps the daemon
+  stopped,    // the daemon is stopped (SIGSTOP) until the command ends
+};
+
+std::string joined(const std::vector<std::string>& args) {
+  std::string text;
+  for (const std::string& a : args) text += " " + a;
+  return text;
+}
+
+std::string replaced(std::string text, const std::string& marker, const std::string& with) {
+  for (std::size_t at; (at = text.find(marker)) != std::string::npos;) text.replace(at, marker.size(), with);
+  return text;
+}
+
+// The verdict table: each row is a command line and what stands around the
+// daemon, and the exit status (0 seen accepted, 1 seen refused, 3 sent but
+// not known, 4 not sent), standard output and standard error it gives.
+// <pid> stands for the daemon's pid, <monitor> for the monitor's.
 TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
-  std::string comm = procfs::firstLine(procfs::path(consumer_.pid(), "comm"));
-  const std::string reader = "process " + std::to_string(consumer_.pid()) + " (" + comm + ") reads /tmp/comm.mailbox";
+  const std::string incoming = "/etc/sysconfig/dravik/incoming/";
+  ASSERT_EQ(mkdir(incoming.c_str(), 0755), 0);
+  for (const char* name : {"f1.xml", "f3.xml"}) writeFile(incoming + name, "<filter/>\n");
+  writeFile("/tmp/f2.xml", "<filter/>\n");
+  const std::string reader = "process " + std::to_string(consumer_.pid()) + " (cat) reads /tmp/comm.mailbox";
+  const std::string tbe = "/etc/sysconfig/dravik/zek/tbe/";
+  auto forwarded = [&](int channel, const std::string& file) {
+    std::string ch = std::to_string(channel);
+    return "dravik: info: Set AnalyticsFilterData for input " + ch +
+           "\ndravik: info: Sending SendAnalyticsFilterDataNotification for ch=" + ch +
+           "\ndravik: info: SetAnalyticsFilter ch=" + ch + " name=" + file + "\n";
+  };
   const struct {
     std::vector<std::string> args;
-    bool tap;
+    Around around;
+    int32_t endpoint2;  // the status endpoint 2 answers a new filter with; -1: no answer
     int status;
     std::string out, err;
   } rows[] = {
-      {{"reset-channel", "7"}, true, 1, "",
+      // Seen accepted.
+      {{"get-filter", "2"}, Around::nothing, -1, 0, tbe + "metadataFilterCH2.xml\n",
+       "dravik: info: Sending get CH=2 " + tbe + "metadataFilterCH2.xml\n"},
+      {{"call", "13002", "channel=1"}, Around::nothing, -1, 0, "path=" + tbe + "metadataFilterCH1.xml\n",
+       "dravik: info: Sending get CH=1 " + tbe + "metadataFilterCH1.xml\n"},
+      {{"reset-calibration", "3"}, Around::nothing, -1, 0, "",
+       "dravik: info: ResetCalibrationNotification::toStream channel=3\n"},
+      {{"set-filter", "1", incoming + "f1.xml", "--wait-save"}, Around::nothing, 0, 0, "",
+       forwarded(1, incoming + "f1.xml") + "dravik: info: Saving Analytics Filter To file for ch=1 FileName:: " +
+           incoming + "f1.xml\n"},
+      // Seen refused.
+      {{"reset-channel", "7"}, Around::nothing, -1, 1, "",
        "dravik: info:  RestoreFactorySettings ch=7\ndravik: err: RestoreFactorySettings::Invalid Channel=7\n"},
-      {{"save-filter", "1", "0"}, true, 1, "",
-       "dravik: info: Saving Analytics Filter To file for ch=1 FileName:: \n"
-       "dravik: err: SaveAnalyticsFilterFile: Error renaming  to /etc/sysconfig/dravik/zek/tbe/metadataFilterCH1.xml: "
+      {{"save-filter", "0", "0"}, Around::nothing, -1, 1, "",
+       "dravik: info: Saving Analytics Filter To file for ch=0 FileName:: \n"
+       "dravik: err: SaveAnalyticsFilterFile: Error renaming  to " + tbe + "metadataFilterCH0.xml: "
        "No such file or directory\n"},
-      {{"get-filter", "2"}, true, 0, "/etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml\n",
-       "dravik: info: Sending get CH=2 /etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml\n"},
-      {{"reset-calibration", "3"}, true, 0, "", "dravik: info: ResetCalibrationNotification::toStream channel=3\n"},
-      {{"reset-all", "--no-wait"}, false, 0, "", ""},
-      {{"reset-all", "--direct"}, false, 0, "", "dravikctl: sent; the outcome is not known (--direct)\n"},
-      {{"get-filter", "1", "--direct"}, false, 1, "",
-       "dravikctl: " + reader + ", and get-filter would take frames from it (each frame reaches one reader); watch "
-       "through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
-      {{"simulate"}, false, 1, "",
-       "dravikctl: " + reader + ", and simulate would take frames from it (each frame reaches one reader); watch "
-       "through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
+      {{"set-filter", "2", "/tmp/f2.xml", "--wait-save"}, Around::nothing, 0, 1, "",
+       "dravikctl: warning: /tmp/f2.xml is on another file system than dravik's store (" + tbe +
+           "): dravik moves a filter there with a rename, which cannot cross file systems (Invalid cross-device "
+           "link); put it in /etc/sysconfig/dravik/incoming\n" +
+           forwarded(2, "/tmp/f2.xml") + "dravik: info: Saving Analytics Filter To file for ch=2 FileName:: /tmp/f2.xml\n"
+           "dravik: err: SaveAnalyticsFilterFile: Error renaming /tmp/f2.xml to " + tbe + "metadataFilterCH2.xml: "
+           "Invalid cross-device link\n"},
+      // Sent, the outcome not known.
+      {{"reset-all", "--no-wait"}, Around::nothing, -1, 3, "", ""},
+      {{"reset-all", "--direct"}, Around::nothing, -1, 3, "", "dravikctl: sent; the outcome is not known: --direct\n"},
+      {{"reset-channel", "7"}, Around::noLog, -1, 3, "",
+       "dravikctl: sent; the outcome is not known: dravik could not write its log (connect to /dev/log: No such file "
+       "or directory), which tells whether it accepted the message\n"},
+      {{"reset-calibration", "2"}, Around::monitored, -1, 3, "",
+       "dravikctl: sent; the outcome is not known: cannot tap dravik: dravik (pid <pid>) is tapped already, by "
+       "dravikctl (pid <monitor>): one tap at a time (a process has one tracer)\n"},
+      {{"get-filter", "1", "--timeout", "1"}, Around::stopped, -1, 3, "",
+       "dravikctl: sent; the outcome is not known: dravik did not take the message from /tmp/dravik.mailbox within "
+       "1 s (dravik, pid <pid>, is stopped); it stays there and runs when dravik reads on\n"},
+      {{"set-filter", "3", incoming + "f3.xml", "--wait-save", "--timeout", "1"}, Around::nothing, -1, 3, "",
+       forwarded(3, incoming + "f3.xml") + "dravikctl: sent; the outcome is not known: dravik forwarded the filter "
+       "to endpoint 2, which had not answered within 1 s: the filter is not saved yet\n"},
+      // Not sent.
+      {{"get-filter", "1", "--direct"}, Around::nothing, -1, 4, "",
+       "dravikctl: not sent: " + reader + ", and get-filter would take frames from it (each frame reaches one "
+       "reader); watch through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
   };
   for (const auto& row : rows) {
+    bool tap = row.args[1] != "--no-wait" && row.args[1] != "--direct" && row.args.back() != "--direct";
+    ChildProcess watcher;
+    if (row.around == Around::monitored) monitor(watcher, {});
+    if (row.around == Around::noLog) syslog_.close();
+    if (row.around == Around::stopped) kill(daemon_.pid(), SIGSTOP);
     ChildProcess ctl;
-    run(ctl, row.args, row.tap);
-    EXPECT_EQ(ctl.wait(10s).value_or(-1), row.status << 8) << row.args[0];
-    EXPECT_EQ(ctl.out(), row.out) << row.args[0];
-    EXPECT_EQ(ctl.err(), row.err) << row.args[0];
+    run(ctl, row.args, tap);
+    if (row.endpoint2 >= 0) {
+      // Endpoint 2's answer, once the filter's name has reached it.
+      int32_t channel = std::stoi(row.args[1]);
+      ASSERT_TRUE(consumer_.waitForOut(be32(static_cast<uint32_t>(channel)) + str(row.args[2]), 10s)) << row.args[2];
+      CatalogueMessage answer("SaveAnalyticsFilterDataCommand", {channel, row.endpoint2});
+      answer.sender = kFilterEndpoint;
+      send({answer}, false);
+    }
+    EXPECT_EQ(ctl.wait(10s).value_or(-1), row.status << 8) << joined(row.args);
+    EXPECT_EQ(ctl.out(), row.out) << joined(row.args);
+    std::string err = replaced(replaced(row.err, "<pid>", std::to_string(daemon_.pid())), "<monitor>",
+                               std::to_string(watcher.pid()));
+    EXPECT_EQ(ctl.err(), err) << joined(row.args);
+    if (row.around == Around::stopped) kill(daemon_.pid(), SIGCONT);
+    std::string why;
+    if (row.around == Around::noLog) {
+      ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
+    }
+    if (row.around == Around::monitored) {
+      watcher.signal(SIGINT);
+      EXPECT_EQ(watcher.wait(10s).value_or(-1), 0) << watcher.err();
+    }
   }
   // The camera's reader got the answer that get-filter printed.
   EXPECT_TRUE(consumer_.waitForOut("/etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml", 5s));
   expectDaemonRuns();
+}
+
+TEST_F(TapTest, SimulateRefusesBesideAnotherReader) {
+  ChildProcess ctl;
+  run(ctl, {"simulate"}, false);
+  EXPECT_EQ(ctl.wait(10s).value_or(-1), 1 << 8);
+  EXPECT_EQ(ctl.err(), "dravikctl: process " + std::to_string(consumer_.pid()) + " (cat) reads /tmp/comm.mailbox, and simulate would take frames from it (each frame reaches one "
+                           "reader); watch through the tap instead (root or CAP_SYS_PTRACE), or --force\n");
 }
 
 // Whether this process may trace a child: not under qemu-user, nor where a
