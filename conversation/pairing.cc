@@ -5,10 +5,6 @@ namespace {
 
 using catalogue::Flow;
 
-// Requests that are never answered (no engine on the camera) must not pile
-// up for ever.
-constexpr std::size_t kOpenLimit = 1024;
-
 Flow opposite(Flow flow) { return flow == Flow::in ? Flow::out : Flow::in; }
 
 int64_t channelOf(const peer::DecodedFrame& frame) {
@@ -48,7 +44,7 @@ std::optional<Answered> Pairing::observe(const peer::DecodedFrame& frame, Flow f
   if (h.responseSelector != 0 || (flow == Flow::in && h.selector == kGetAnalyticsFilterDataSelector)) {
     std::deque<Open>& requests = open_[{opposite(flow), h.responseSelector}];
     requests.push_back({h.id, channelOf(frame), frame.decoded() ? frame.entry->name : "", seen});
-    if (requests.size() > kOpenLimit) requests.pop_front();
+    if (requests.size() > kOpenRequestLimit) requests.pop_front();
   }
   return answered;
 }

@@ -29,6 +29,10 @@ struct Answered {
   int64_t channel = -1;      // the request's channel; -1: none
 };
 
+// Requests that are never answered (no engine on the camera) must not pile
+// up for ever: at most this many stay open per answer selector.
+constexpr std::size_t kOpenRequestLimit = 1024;
+
 class Pairing {
  public:
   // Takes the next frame in capture order. Returns the request that `frame`

@@ -29,6 +29,8 @@ namespace {
 using namespace std::chrono_literals;
 
 int gCtl = -1;
+int gTshark = -1;
+using catalogue::Flow;
 
 struct Outcome {
   int status = -1;  // the exit status; -1 when it did not exit
@@ -247,12 +249,85 @@ TEST(DravikctlCommandLine, DecodePrintsTheFramesItsOptionsChoose) {
   }
 }
 
+// The dissector that `dravikctl dissector` prints, run by Debian's tshark
+// over a capture of one frame per row: the direction every frame carries,
+// its class, the expert info for what dravik refuses or reads differently,
+// the links between a request and its answer, an empty block, and the
+// endpoints in the Source and Destination columns.
+TEST(DravikctlCommandLine, DissectorFlagsWhatDravikRefuses) {
+  if (gTshark < 0) GTEST_SKIP() << "tshark is not installed (Debian package tshark)";
+  TempDir dir;
+  Outcome dissector = runCtl({"dissector"});
+  ASSERT_EQ(dissector.status, 0);
+  writeFile(dir.file("dravik.lua"), dissector.out);
+  const std::string h = "00000001 00000064 0000000D 00000009 00000000 00000000000003E8";  // version to timestamp
+  const struct {
+    const char* frame;
+    catalogue::Flow flow;
+    std::string fields;  // direction, class, expert info, request in, answer in, calibrationData, source, destination
+  } rows[] = {
+      {"00000000", Flow::in, "in\t\tinvalid frame length 0\t\t\t\t\t"},
+      {"0000", Flow::in, "in\t\tframe ends after 2 bytes of its length\t\t\t\t\t"},
+      {"00000030 00000002 00000064 0000000D 00000009 00000000 00000000000003E8 0000000E 00000000 00000000 00000004"
+       " 00000001",
+       Flow::in, "in\t\tunsupported version 2\t\t\t\t100\t13 (dravik)"},
+      {"0000003C 00000001 00000064 0000000D 00000009 00000000 00000000000003E8 0000000E 00000000 00000000 00000010"
+       " 00000001",
+       Flow::in, "in\t\ttruncated frame: 48 of 60 payload bytes\t\t\t\t100\t13 (dravik)"},
+      {"00000030 00000001 0000000D 00000064 00000009 00000000 00000000000003E8 00000063 00000000 00000000 00000004"
+       " 00000001",
+       Flow::out, "out\t\tunknown selector 99\t\t\t\t13 (dravik)\t100"},
+      {"00000030 00000001 00000064 0000000D 00000009 00000000 00000000000003E8 0000000E 00000000 00000000 00000009"
+       " 00000001",
+       Flow::in, "in\tRestoreFactoryVirtualCameraSettingsCommand\targsLength 9 but 4 argument bytes\t\t\t\t100\t13 (dravik)"},
+      {"00000034 00000001 00000064 0000000D 00000009 00000000 00000000000003E8 0000000E 00000000 00000000 00000008"
+       " 00000001 00000002",
+       Flow::in, "in\tRestoreFactoryVirtualCameraSettingsCommand\t4 bytes after the arguments\t\t\t\t100\t13 (dravik)"},
+      {"00000032 00000001 00000064 0000000D 00000009 00000000 00000000000003E8 000032CC 00000000 00000000 00000006"
+       " 00000001 8000",
+       Flow::in, "in\tSetAnalyticsFilterDataCommand\tfileName: length 32768 is over the readers' limit of 32767: dravik "
+       "reads it as empty\t\t\t\t100\t13 (dravik)"},
+      {"00000034 00000001 00000064 0000000D 00000009 00000000 00000000000003E8 000032CC 00000000 00000000 00000008"
+       " 00000001 0005 6162",
+       Flow::in, "in\t\tSetAnalyticsFilterDataCommand: frame ends inside argument fileName\t\t\t\t100\t13 (dravik)"},
+      {"00000030 00000001 0000000B 0000000D 00000009 00000004 00000000000003E8 000007FD 00000000 00000000 00000004"
+       " 00000000",
+       Flow::in, "in\tCalibrationDataResponse\t\t\t\t\t11 (engine)\t13 (dravik)"},
+      // A 13002 without a response selector is answered with selector 0: frames 11 and 12 link.
+      {"00000030 00000001 00000064 0000000D 00000009 00000000 00000000000003E8 000032CA 00000000 00000000 00000004"
+       " 00000002",
+       Flow::in, "in\tGetAnalyticsFilterDataRequest\t\t\t12\t\t100\t13 (dravik)"},
+      {"00000030 00000001 0000000D 00000064 00000005 00000009 00000000000003E8 00000000 00000000 00000000 00000004"
+       " 0002 2F71",
+       Flow::out, "out\tGetAnalyticsFilterDataResponse\t\t11\t\t\t13 (dravik)\t100"},
+  };
+  std::string capture = pcapng::fileHeader();
+  std::string expected;
+  for (const auto& row : rows) {
+    capture += pcapng::packetBlock(bytesFromHex(row.frame), row.flow, {1, 0});
+    expected += row.fields + "\n";
+  }
+  writeFile(dir.file("capture.pcapng"), capture);
+  ChildProcess tshark;
+  std::string why;
+  ASSERT_TRUE(tshark.start(gTshark, "tshark",
+                           {"-2", "-X", "lua_script:" + dir.file("dravik.lua"), "-r", dir.file("capture.pcapng"), "-T",
+                            "fields", "-E", "occurrence=a", "-e", "dravik.direction", "-e", "dravik.class", "-e",
+                            "_ws.expert.message", "-e", "dravik.request_in", "-e", "dravik.answer_in", "-e",
+                            "dravik.calibrationData", "-e", "_ws.col.Source", "-e", "_ws.col.Destination"},
+                           {}, &why))
+      << why;
+  ASSERT_EQ(tshark.wait(60s).value_or(-1), 0) << tshark.err();
+  EXPECT_EQ(tshark.out(), expected);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   if (::testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
   gCtl = openExecutable(DRAVIKCTL_BINARY);
+  gTshark = openExecutable("/usr/bin/tshark");
   if (gCtl < 0) {
     std::fprintf(stderr, "no dravikctl at %s\n", DRAVIKCTL_BINARY);
     return 1;

@@ -4,6 +4,8 @@
 #include <string>
 
 #include "dissector_template.h"
+#include "conversation/pairing.h"
+#include "messaging/binary_stream.h"
 #include "messaging/frame_format.h"
 #include "store/catalogue.h"
 #include "tools/dravikctl/commands.h"
@@ -44,9 +46,15 @@ std::string luaLayout() {
       {"flags", kFlagsOffset, 4},
       {"argsLength", kArgsLengthOffset, 4},
   };
-  std::string lua = "  lengthSize = " + std::to_string(kFrameLengthSize) + ", maxPayload = " +
-                    std::to_string(kMaxPayloadLength) + ", headerSize = " + std::to_string(kHeaderSize) +
-                    ", service = " + std::to_string(kServiceEndpoint) + ",\n  header = {\n";
+  auto n = [](auto value) { return std::to_string(value); };
+  std::string lua = "  lengthSize = " + n(kFrameLengthSize) + ", maxPayload = " + n(kMaxPayloadLength) +
+                    ", headerSize = " + n(kHeaderSize) + ", version = " + n(kMessageVersion) +
+                    ", recipientOffset = " + n(kRecipientOffset) + ",\n  maxString = " + n(kMaxStringLength) +
+                    ", maxBlock = " + n(kMaxByteArrayLength) + ", openLimit = " + n(conversation::kOpenRequestLimit) +
+                    ",\n  service = " + n(kServiceEndpoint) + ", engine = " + n(kEngineEndpoint) +
+                    ", requestSelector = " + n(kGetAnalyticsFilterDataSelector) +
+                    ", saveSelector = " + n(kSaveAnalyticsFilterDataSelector) +
+                    ", setCalibrationSelector = " + n(kSetCalibrationDataSelector) + ",\n  header = {\n";
   for (const Field& f : header) {
     lua += std::string("    {name = \"") + f.name + "\", offset = " + std::to_string(f.offset) +
            ", size = " + std::to_string(f.size) + "},\n";
