@@ -138,7 +138,7 @@ class TapTest : public ::testing::Test {
 // string's text; a list's strings joined by commas; empty for null or none.
 std::string jsonField(const std::string& line, const std::string& key) {
   std::smatch m;
-  if (std::regex_search(line, m, std::regex("\"" + key + "\":(\"([^\"]*)\"|(-?[0-9]+)|\\[([^\\]]*)\\])"))) {
+  if (std::regex_search(line, m, std::regex("\"" + key + "\":(\"([^\"]*)\"|(-?[0-9]+|true|false)|\\[([^\\]]*)\\])"))) {
     if (m[4].matched) return std::regex_replace(m[4].str(), std::regex("\"(,?)"), "$1");
     return m[2].matched ? m[2].str() : m[3].str();
   }
@@ -340,7 +340,7 @@ TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
       {{"reset-calibration", "2"}, Around::monitored, -1, 3, "",
        "dravikctl: sent; the outcome is not known: cannot tap dravik: dravik (pid <pid>) is tapped already, by "
        "dravikctl (pid <monitor>): one tap at a time (a process has one tracer)\n"},
-      {{"get-filter", "1", "--timeout", "1"}, Around::stopped, -1, 3, "",
+      {{"get-filter", "0", "--timeout", "1"}, Around::stopped, -1, 3, "",
        "dravikctl: sent; the outcome is not known: dravik did not take the message from /tmp/dravik.mailbox within "
        "1 s (dravik, pid <pid>, is stopped); it stays there and runs when dravik reads on\n"},
       {{"set-filter", "3", incoming + "f3.xml", "--wait-save", "--timeout", "1"}, Around::nothing, -1, 3, "",
@@ -372,7 +372,11 @@ TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
     std::string err = replaced(replaced(row.err, "<pid>", std::to_string(daemon_.pid())), "<monitor>",
                                std::to_string(watcher.pid()));
     EXPECT_EQ(ctl.err(), err) << joined(row.args);
-    if (row.around == Around::stopped) kill(daemon_.pid(), SIGCONT);
+    if (row.around == Around::stopped) {
+      // The message ran once dravik went on: its answer reaches the reader.
+      kill(daemon_.pid(), SIGCONT);
+      EXPECT_TRUE(consumer_.waitForOut("/etc/sysconfig/dravik/zek/tbe/metadataFilterCH0.xml", 10s));
+    }
     std::string why;
     if (row.around == Around::noLog) {
       ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
@@ -385,6 +389,61 @@ TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
   // The camera's reader got the answer that get-filter printed.
   EXPECT_TRUE(consumer_.waitForOut("/etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml", 5s));
   expectDaemonRuns();
+}
+
+// monitor --follow taps the next daemon when one ends, and says so.
+TEST_F(TapTest, MonitorFollowsARestart) {
+  ChildProcess ctl;
+  run(ctl, {"monitor", "--follow"}, false);
+  ASSERT_TRUE(ctl.waitForErr("dravikctl: tapping dravik", 5s)) << ctl.err();
+  const std::string first = std::to_string(daemon_.pid());
+  daemon_.signal(SIGTERM);
+  ASSERT_TRUE(daemon_.wait(10s));
+  ASSERT_TRUE(ctl.waitForErr("dravikctl: dravik (pid " + first + ") has ended; waiting for the next one\n"
+                             "dravikctl: waiting for dravik to read /tmp/dravik.mailbox\n", 10s))
+      << ctl.err();
+  ChildProcess next;
+  std::string why;
+  ASSERT_TRUE(next.start(gDaemon, "dravik", {"-s", "3600"}, {}, &why)) << why;
+  ASSERT_TRUE(ctl.waitForErr("dravikctl: tapping dravik (pid " + std::to_string(next.pid()) + ", threads", 10s))
+      << ctl.err();
+  ASSERT_TRUE(client_.open(kCommandFifoPath, &why)) << why;
+  send({CatalogueMessage("ResetCalibrationCommand", {1})}, false);
+  EXPECT_TRUE(ctl.waitForOut(" in ResetCalibrationCommand -1->13 ", 10s)) << ctl.out();
+  ctl.signal(SIGINT);
+  EXPECT_EQ(ctl.wait(10s).value_or(-1), 0) << ctl.err();
+}
+
+// status and wait, for scripts: while dravik runs and after it has ended.
+TEST_F(TapTest, StatusAndWaitTellWhetherDravikRuns) {
+  const std::string pid = std::to_string(daemon_.pid());
+  ChildProcess wait, status;
+  run(wait, {"wait"}, false);
+  EXPECT_EQ(wait.wait(10s).value_or(-1), 0);
+  EXPECT_EQ(wait.out(), "dravik (pid " + pid + ") reads /tmp/dravik.mailbox\n");
+  writeFile("/etc/sysconfig/dravik/zek/cal/zekCalibrationDataCH1.bin", "abc");
+  run(status, {"status", "--json"}, false);
+  EXPECT_EQ(status.wait(10s).value_or(-1), 0);
+  const std::string json = status.out();
+  EXPECT_EQ(jsonField(json, "running") + " " + jsonField(json, "pid") + " " + jsonField(json, "readsMailbox"),
+            "true " + pid + " true");
+  EXPECT_NE(json.find("{\"pid\":" + pid + ",\"name\":\"dravik\",\"access\":\"read\"}"), std::string::npos)
+      << json;
+  EXPECT_NE(json.find("\"store\":[{\"path\":\"/etc/sysconfig/dravik/zek/cal/zekCalibrationDataCH1.bin\",\"size\":3,"),
+            std::string::npos)
+      << json;
+
+  daemon_.signal(SIGTERM);
+  ASSERT_TRUE(daemon_.wait(10s));
+  ChildProcess stopped, waited;
+  run(stopped, {"status"}, false);
+  EXPECT_EQ(stopped.wait(10s).value_or(-1), 1 << 8);
+  EXPECT_EQ(stopped.out().substr(0, stopped.out().find('\n')),
+            "dravik: not running: no dravik process is running (--pid N names one)");
+  run(waited, {"wait", "--timeout", "0.5"}, false);
+  EXPECT_EQ(waited.wait(10s).value_or(-1), 1 << 8);
+  EXPECT_EQ(waited.err(), "dravikctl: dravik did not read /tmp/dravik.mailbox within 0.5 s: no dravik process is "
+                          "running (--pid N names one)\n");
 }
 
 TEST_F(TapTest, SimulateRefusesBesideAnotherReader) {

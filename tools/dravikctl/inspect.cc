@@ -156,7 +156,7 @@ std::string holdersText(const std::vector<Holder>& holders, bool json) {
   for (const Holder& h : holders) {
     if (json) {
       text += std::string(text.empty() ? "" : ",") + "{\"pid\":" + std::to_string(h.pid) + ",\"name\":" +
-              jsonQuote(procfs::firstLine(procfs::path(h.pid, "comm"))) + ",\"access\":\"" + h.access + "\"}";
+              jsonQuote(programName(h.pid)) + ",\"access\":\"" + h.access + "\"}";
     } else {
       text += std::string(text.empty() ? "" : ", ") + describeProcess(h.pid) + " " + h.access;
     }

@@ -45,6 +45,20 @@ bool isZombie(pid_t pid) { return procfs::field(procfs::path(pid, "status"), "St
 // Whether this user may list the descriptors of `pid`.
 bool descriptorsVisible(pid_t pid) { return access(procfs::path(pid, "fd").c_str(), R_OK | X_OK) == 0; }
 
+// Whether `pid` holds a pipe at the path `mailbox` that is not the one
+// there now: a daemon of another /tmp (another sandbox or container).
+bool servesOtherMailbox(pid_t pid, const std::string& mailbox) {
+  struct stat ours;
+  bool haveOurs = stat(mailbox.c_str(), &ours) == 0;
+  for (int fd : procfs::descriptorsOf(pid)) {
+    if (procfs::descriptorTarget(pid, fd) != mailbox) continue;
+    struct stat held;
+    if (stat(procfs::path(pid, "fd/" + std::to_string(fd)).c_str(), &held) != 0) continue;
+    if (!haveOurs || held.st_dev != ours.st_dev || held.st_ino != ours.st_ino) return true;
+  }
+  return false;
+}
+
 std::string pidList(const std::vector<pid_t>& pids) {
   std::string text;
   for (pid_t pid : pids) text += " " + std::to_string(pid);
@@ -100,7 +114,7 @@ pid_t findDaemon(const std::string& mailbox, std::string* whyNot) {
   std::vector<pid_t> found;
   bool zombie = false;
   for (pid_t pid : procfs::otherProcesses()) {
-    if (!calledDravik(pid)) continue;
+    if (!calledDravik(pid) || servesOtherMailbox(pid, mailbox)) continue;
     if (isZombie(pid)) {
       zombie = true;
     } else {
@@ -224,13 +238,14 @@ bool mayReadNotifications(const Options& o, const std::string& what, std::string
   return false;
 }
 
-std::string describeProcess(pid_t pid) {
+std::string programName(pid_t pid) {
   // The executable's name where this user may read it: a command name is
   // cut at 15 characters, and is a number for a program run by descriptor.
   std::string exe = procfs::linkTarget(procfs::path(pid, "exe"));
-  std::string name = exe.empty() ? procfs::firstLine(procfs::path(pid, "comm")) : exe.substr(exe.rfind('/') + 1);
-  return std::to_string(pid) + " (" + name + ")";
+  return exe.empty() ? procfs::firstLine(procfs::path(pid, "comm")) : exe.substr(exe.rfind('/') + 1);
 }
+
+std::string describeProcess(pid_t pid) { return std::to_string(pid) + " (" + programName(pid) + ")"; }
 
 bool isUnixSocket(pid_t pid, const std::string& inode) {
   std::ifstream table(procfs::path(pid, "net/unix"));

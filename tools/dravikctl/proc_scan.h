@@ -15,9 +15,9 @@ namespace dravikctl {
 
 struct Options;
 
-// The one process called dravik (by its command name or its executable's);
-// of several, the one that reads `mailbox` (others may serve other mount
-// namespaces). 0, with the reason in `whyNot`, when there is none or no one.
+// The one process called dravik (by its command name or its executable's),
+// leaving out those that hold another pipe at the path `mailbox` (they
+// serve another /tmp); of several, the one that reads `mailbox`. 0, with the reason in `whyNot`, when there is none or no one.
 pid_t findDaemon(const std::string& mailbox, std::string* whyNot);
 // Why `pid` is no running dravik (no such process, another program, a
 // zombie); empty when it is one.
@@ -41,7 +41,10 @@ std::vector<pid_t> otherReaders(const std::string& pipe, const std::string& mail
 // frames from them in `whyNot`.
 bool mayReadNotifications(const Options& options, const std::string& what, std::string* whyNot);
 
-// "1234 (simulate)" for messages.
+// The name of the program that `pid` runs: its executable's, or its
+// command name where this user may not read that.
+std::string programName(pid_t pid);
+// "1234 (dravikctl)" for messages.
 std::string describeProcess(pid_t pid);
 
 // Whether the socket of inode `inode` is an AF_UNIX socket of `pid`'s
