@@ -170,6 +170,20 @@ void CatalogueMessage::toStream(bostream& out) const {
   }
 }
 
+const char* typeName(ArgType type) {
+  switch (type) {
+    case ArgType::int32:
+      return "int32";
+    case ArgType::uint32:
+      return "uint32";
+    case ArgType::string:
+      return "string";
+    case ArgType::bytes:
+      return "block";
+  }
+  return "block";
+}
+
 const Value* DecodedFrame::arg(const std::string& name) const {
   if (entry == nullptr) return nullptr;
   for (std::size_t i = 0; i < entry->args.size() && i < args.size(); ++i) {

@@ -110,6 +110,21 @@ TEST(DravikctlCommandLine, RefusedWithOneLine) {
   EXPECT_EQ(runCtl({"--help"}).out.substr(0, 48), "Usage: dravikctl [OPTIONS] COMMAND [ARGUMENTS]\n\n");
 }
 
+// list: the catalogue, a class a line, as text and as JSON.
+TEST(DravikctlCommandLine, ListShowsTheCatalogue) {
+  Outcome text = runCtl({"list"});
+  Outcome json = runCtl({"list", "--json"});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_NE(text.out.find("\n13002    GetAnalyticsFilterDataRequest              in   any->13       13003  channel (int32)\n"),
+            std::string::npos)
+      << text.out;
+  EXPECT_NE(json.out.find("\n{\"selector\":13003,\"class\":\"GetAnalyticsFilterDataResponse\",\"direction\":\"out\","
+                          "\"sender\":13,\"recipient\":null,\"responseSelector\":0,\"args\":[{\"name\":\"path\","
+                          "\"type\":\"string\"}]}\n"),
+            std::string::npos)
+      << json.out;
+}
+
 // What is refused once the command line is read, before anything is sent
 // or tapped: a path that is no pipe, a capture that cannot be written, a
 // process that is not the daemon.

@@ -7,26 +7,13 @@
 #include "conversation/pairing.h"
 #include "messaging/binary_stream.h"
 #include "messaging/frame_format.h"
+#include "peer/frame_codec.h"
 #include "store/catalogue.h"
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/report.h"
 
 namespace dravikctl {
 namespace {
-
-const char* typeName(catalogue::ArgType type) {
-  switch (type) {
-    case catalogue::ArgType::int32:
-      return "int32";
-    case catalogue::ArgType::uint32:
-      return "uint32";
-    case catalogue::ArgType::string:
-      return "string";
-    case catalogue::ArgType::bytes:
-      return "bytes";
-  }
-  return "bytes";
-}
 
 std::string luaLayout() {
   struct Field {
@@ -70,7 +57,7 @@ std::string luaCatalogue() {
            ", responseSelector = " + std::to_string(e.responseSelector) + ", args = {";
     for (std::size_t i = 0; i < e.args.size(); ++i) {
       lua += std::string(i == 0 ? "" : ", ") + "{name = \"" + e.args[i].name + "\", type = \"" +
-             typeName(e.args[i].type) + "\"}";
+             peer::typeName(e.args[i].type) + "\"}";
     }
     lua += "}},\n";
   }

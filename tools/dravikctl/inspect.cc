@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "conversation/frame_printer.h"
+#include "peer/frame_codec.h"
 #include "procfs/procfs.h"
 #include "store/catalogue.h"
 #include "store/store_layout.h"
@@ -28,20 +29,6 @@ using catalogue::Entry;
 using catalogue::Flow;
 using conversation::jsonQuote;
 
-const char* typeName(ArgType type) {
-  switch (type) {
-    case ArgType::int32:
-      return "int32";
-    case ArgType::uint32:
-      return "uint32";
-    case ArgType::string:
-      return "string";
-    case ArgType::bytes:
-      return "block";
-  }
-  return "block";
-}
-
 // Who sends a class that dravik reads: endpoint 2 its verdict on a filter,
 // the engine calibration; anyone the rest.
 int32_t senderOf(const Entry& e) {
@@ -55,11 +42,14 @@ std::string endpointText(int32_t endpoint, const char* none) {
   return endpoint < 0 ? none : std::to_string(endpoint);
 }
 
+// The columns of list: selector, class, direction, route, answer, arguments.
+constexpr const char* kListFormat = "%-8s %-42s %-4s %-13s %-6s %s";
+
 std::string listLine(const Entry& e, bool json) {
   std::string args;
   for (const catalogue::Arg& a : e.args) {
-    args += json ? std::string(args.empty() ? "" : ",") + "{\"name\":\"" + a.name + "\",\"type\":\"" + typeName(a.type) + "\"}"
-                 : std::string(args.empty() ? "" : ", ") + a.name + " (" + typeName(a.type) + ")";
+    args += json ? std::string(args.empty() ? "" : ",") + "{\"name\":\"" + a.name + "\",\"type\":\"" + peer::typeName(a.type) + "\"}"
+                 : std::string(args.empty() ? "" : ", ") + a.name + " (" + peer::typeName(a.type) + ")";
   }
   const char* direction = e.flow == Flow::in ? "in" : "out";
   if (json) {
@@ -70,7 +60,7 @@ std::string listLine(const Entry& e, bool json) {
   }
   char line[256];
   std::string route = endpointText(senderOf(e), "any") + "->" + endpointText(e.recipient, "requester");
-  snprintf(line, sizeof line, "%-8d %-39s %-4s %-14s %-6s %s", e.selector, e.name, direction, route.c_str(),
+  snprintf(line, sizeof line, kListFormat, std::to_string(e.selector).c_str(), e.name, direction, route.c_str(),
            e.responseSelector != 0 ? std::to_string(e.responseSelector).c_str() : "-", args.empty() ? "-" : args.c_str());
   return line;
 }
@@ -167,9 +157,9 @@ std::string holdersText(const std::vector<Holder>& holders, bool json) {
 }  // namespace
 
 int runList(const Options& o) {
-  if (!o.style.json && !printLine("SELECTOR CLASS                                   DIR  FROM->TO       ANSWER ARGUMENTS")) {
-    return kExitFailure;
-  }
+  char heading[128];
+  snprintf(heading, sizeof heading, kListFormat, "SELECTOR", "CLASS", "DIR", "FROM->TO", "ANSWER", "ARGUMENTS");
+  if (!o.style.json && !printLine(heading)) return kExitFailure;
   for (const Entry& e : catalogue::entries()) {
     if (!printLine(listLine(e, o.style.json))) return kExitFailure;
   }
