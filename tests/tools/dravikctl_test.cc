@@ -199,6 +199,9 @@ TEST(DravikctlCommandLine, SendsTheFrameItsArgumentsMake) {
       {{"--sender", "-3", "reset-channel", "2", "--timeout=0.5"}, frame(header(14, -3), be32(2)), ""},
       {{"reset-all", "--resp", "5"}, frame(header(13, 100, 0, 5)), ""},
       {{"get-filter", "1"}, frame(header(13002, 100, 0, 13003), be32(1)), ""},
+      {{"get-filter", "7"}, frame(header(13002, 100, 0, 13003), be32(7)),
+       "dravikctl: note: channel 7 is not one of 0 to 3: dravik answers the path of that channel's filter file all the "
+       "same\n"},
       {{"calibration-response", "7", blockFile}, frame(header(2045, 11, 7), block("\x01\x02\x03")), ""},
       {{"set-filter", "2", "no-such-filter.xml"}, frame(header(13004, 100), be32(2) + str(relative)),
        "dravikctl: warning: " + relative + " does not exist: dravik forwards its name to endpoint 2 all the same, "

@@ -58,6 +58,13 @@ class TapTest : public ::testing::Test {
     ASSERT_TRUE(consumer_.start(gCat, "cat", {kNotificationFifoPath}, {}, &why)) << why;
     ASSERT_TRUE(waitUntilOpen(consumer_.pid(), kNotificationFifoPath, 5s));
     ASSERT_TRUE(client_.open(kCommandFifoPath, &why)) << why;
+    // The first writer starts the dispatcher, whose first lines belong to no command.
+    ASSERT_TRUE(syslog_.waitFor(daemon_.pid(), [](const std::vector<SyslogLine>& lines) {
+      for (const SyslogLine& line : lines) {
+        if (line.second.find("API: starting dispatcher") != std::string::npos) return true;
+      }
+      return false;
+    }, 5s));
   }
 
   void run(ChildProcess& ctl, std::vector<std::string> args, bool tap = true) {
@@ -294,6 +301,7 @@ TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
   writeFile("/tmp/f2.xml", "<filter/>\n");
   const std::string reader = "process " + std::to_string(consumer_.pid()) + " (cat) reads /tmp/comm.mailbox";
   const std::string tbe = "/etc/sysconfig/dravik/zek/tbe/";
+  const std::string badChannel = "dravikctl: note: channel 7 is not one of 0 to 3: dravik refuses it with an error line\n";
   auto forwarded = [&](int channel, const std::string& file) {
     std::string ch = std::to_string(channel);
     return "dravik: info: Set AnalyticsFilterData for input " + ch +
@@ -319,7 +327,7 @@ TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
            incoming + "f1.xml\n"},
       // Seen refused.
       {{"reset-channel", "7"}, Around::nothing, -1, 1, "",
-       "dravik: info:  RestoreFactorySettings ch=7\ndravik: err: RestoreFactorySettings::Invalid Channel=7\n"},
+       badChannel + "dravik: info:  RestoreFactorySettings ch=7\ndravik: err: RestoreFactorySettings::Invalid Channel=7\n"},
       {{"save-filter", "0", "0"}, Around::nothing, -1, 1, "",
        "dravik: info: Saving Analytics Filter To file for ch=0 FileName:: \n"
        "dravik: err: SaveAnalyticsFilterFile: Error renaming  to " + tbe + "metadataFilterCH0.xml: "
@@ -335,7 +343,7 @@ TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
       {{"reset-all", "--no-wait"}, Around::nothing, -1, 3, "", ""},
       {{"reset-all", "--direct"}, Around::nothing, -1, 3, "", "dravikctl: sent; the outcome is not known: --direct\n"},
       {{"reset-channel", "7"}, Around::noLog, -1, 3, "",
-       "dravikctl: sent; the outcome is not known: dravik could not write its log (connect to /dev/log: No such file "
+       badChannel + "dravikctl: sent; the outcome is not known: dravik could not write its log (connect to /dev/log: No such file "
        "or directory), which tells whether it accepted the message\n"},
       {{"reset-calibration", "2"}, Around::monitored, -1, 3, "",
        "dravikctl: sent; the outcome is not known: cannot tap dravik: dravik (pid <pid>) is tapped already, by "

@@ -50,6 +50,9 @@ struct Command {
   int (*run)(const Options& options);
   const char* summary;  // one line for the list of commands
   const char* details;  // what `dravikctl help NAME` adds; may be empty
+  // For a command with a channel: what dravik does with one outside 0 to 3,
+  // which it takes by design.
+  const char* badChannel = nullptr;
 };
 
 const std::vector<Command>& commands();

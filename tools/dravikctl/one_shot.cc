@@ -439,8 +439,14 @@ class WatchedCommand {
   }
 
   bool waitsForSave() const { return o_.waitSave && message_.entry.selector == kSetAnalyticsFilterDataSelector; }
-  // While the lines of `handler_` belong to the command's outcome.
+  // While the lines of the handling thread belong to the command's outcome.
   bool collecting() const { return (taken_ && !handled_) || (saveTaken_ && !saveHandled_); }
+  // The thread that handles what `reader` read: that thread itself, except
+  // the main thread, which reads only while it waits for the first writer
+  // and leaves what it read to the dispatcher, a thread of its own (0: any
+  // thread but the main one).
+  pid_t handlerOf(pid_t reader) const { return reader == tap_.pid() ? 0 : reader; }
+  bool handles(pid_t thread) const { return handler_ == 0 ? thread != tap_.pid() : thread == handler_; }
 
   // False once the daemon is done with the message (and the save).
   bool take(const TapEvent& e) {
@@ -455,17 +461,17 @@ class WatchedCommand {
         if (!taken_ && frame.hasHeader && frame.header.id == message_.id && frame.header.sender == message_.sender &&
             frame.header.selector == message_.getSelector()) {
           taken_ = true;
-          handler_ = e.thread;
+          handler_ = handlerOf(e.thread);
         } else if (handled_ && waitsForSave() && !saveTaken_ && frame.decoded() &&
                    frame.header.selector == kSaveAnalyticsFilterDataSelector &&
                    channelOf(frame) == message_.values[0].number) {
           saveTaken_ = true;
-          handler_ = e.thread;
+          handler_ = handlerOf(e.thread);
         }
         return true;
       }
       case TapEvent::Kind::log: {
-        if (!collecting() || e.thread != handler_) return true;
+        if (!collecting() || !handles(e.thread)) return true;
         SyslogRecord record;
         if (!parseSyslogDatagram(e.bytes, &record)) return true;
         if (record.priority <= LOG_ERR) errorLogged_ = true;
@@ -476,10 +482,10 @@ class WatchedCommand {
         return true;
       }
       case TapEvent::Kind::logLost:
-        if (collecting() && e.thread == handler_) logLost_ = e.bytes;  // the last: the socket as it is now
+        if (collecting() && handles(e.thread)) logLost_ = e.bytes;  // the last: the socket as it is now
         return true;
       case TapEvent::Kind::mailboxRead:
-        if (!collecting() || e.thread != handler_) return true;
+        if (!collecting() || !handles(e.thread)) return true;
         if (saveTaken_) {
           saveHandled_ = true;
           return false;
@@ -516,7 +522,7 @@ class WatchedCommand {
   bool sent_ = false;
   std::string sendError_;
   std::string tapError_;
-  pid_t handler_ = 0;     // the thread that read the message (or the save)
+  pid_t handler_ = 0;     // the thread that handles the message (or the save); see handlerOf()
   bool taken_ = false;    // the daemon has read the frame
   bool handled_ = false;  // and read its mailbox again
   bool saveTaken_ = false;
@@ -597,6 +603,10 @@ int runOneShot(const Options& o) {
   int status = kExitOk;
   std::unique_ptr<CatalogueMessage> message = buildMessage(o, &status);
   if (!message) return status;
+  if (o.command->badChannel != nullptr && (o.channel < 0 || o.channel >= kChannelCount)) {
+    fprintf(stderr, "dravikctl: note: channel %d is not one of 0 to %d: %s\n", o.channel, kChannelCount - 1,
+            o.command->badChannel);
+  }
   std::string frame = encodeFrame(*message);
   return report(o, frame, send(o, *message));
 }
