@@ -45,10 +45,17 @@ bool isZombie(pid_t pid) { return procfs::field(procfs::path(pid, "status"), "St
 // Whether this user may list the descriptors of `pid`.
 bool descriptorsVisible(pid_t pid) { return access(procfs::path(pid, "fd").c_str(), R_OK | X_OK) == 0; }
 
-// Whether `pid` holds a pipe at the path `mailbox` that is not the one
-// there now: a daemon of another /tmp (another sandbox or container).
+// Whether `pid` serves another mailbox than the one at `mailbox` here: the
+// mailbox's directory is another one in its mount namespace (another
+// sandbox's or container's /tmp), or, where its root cannot be seen, it
+// holds another pipe at that path.
 bool servesOtherMailbox(pid_t pid, const std::string& mailbox) {
-  struct stat ours;
+  std::string directory = mailbox.substr(0, mailbox.rfind('/') + 1);
+  struct stat ours, theirs;
+  if (!directory.empty() && stat(directory.c_str(), &ours) == 0 &&
+      stat((procfs::path(pid, "root") + directory).c_str(), &theirs) == 0) {
+    return ours.st_dev != theirs.st_dev || ours.st_ino != theirs.st_ino;
+  }
   bool haveOurs = stat(mailbox.c_str(), &ours) == 0;
   for (int fd : procfs::descriptorsOf(pid)) {
     if (procfs::descriptorTarget(pid, fd) != mailbox) continue;
