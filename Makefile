@@ -43,7 +43,7 @@ deps:
 	    apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $$missing || exit 1; \
 	  else \
 	    echo "Missing Debian packages. Install them as root, then run make again:"; \
-	    echo "  apt-get update && apt-get install -y --no-install-recommends $$missing"; \
+	    echo "  apt-get update && DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends $$missing"; \
 	    exit 1; \
 	  fi; \
 	fi

@@ -4,7 +4,7 @@
 
 namespace conversation {
 
-bool FrameFilter::matches(const peer::DecodedFrame& frame, catalogue::Flow flow) const {
+bool FrameFilter::matches(const peer::DecodedFrame& frame, catalogue::Flow flow, int64_t answeredChannel) const {
   if (direction && *direction != flow) return false;
   if (!frame.hasHeader) return selectors.empty() && !channel && !endpoint;
   const peer::FrameHeader& h = frame.header;
@@ -12,7 +12,7 @@ bool FrameFilter::matches(const peer::DecodedFrame& frame, catalogue::Flow flow)
   if (endpoint && h.sender != *endpoint && h.recipient != *endpoint) return false;
   if (channel) {
     const peer::Value* value = frame.arg("channel");
-    if (value == nullptr || value->number != *channel) return false;
+    if (value != nullptr ? value->number != *channel : answeredChannel < 0 || answeredChannel != *channel) return false;
   }
   return true;
 }

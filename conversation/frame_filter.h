@@ -18,8 +18,10 @@ struct FrameFilter {
   std::optional<catalogue::Flow> direction;
 
   // A frame without a header matches only when no condition is set on its
-  // header or arguments.
-  bool matches(const peer::DecodedFrame& frame, catalogue::Flow flow) const;
+  // header or arguments. An answer without a channel of its own (2045, a
+  // path) is about the channel of the request it answers, `answeredChannel`
+  // (-1: none).
+  bool matches(const peer::DecodedFrame& frame, catalogue::Flow flow, int64_t answeredChannel = -1) const;
 };
 
 }  // namespace conversation

@@ -213,7 +213,8 @@ std::string frameLineText(const peer::DecodedFrame& frame, const FrameView& view
   std::string line = timeOfDay(view.seen) + (view.direction == catalogue::Flow::in ? " in " : " out ");
   if (!frame.decoded()) return line + frameText(frame, withHex);
   line += frameText(frame, false);
-  line += " stamp=" + timeOfDay(stampTime(frame.header)) + " age=" + ageText(ageMs(frame.header, view.seen));
+  line += " stamp=" + timeOfDay(stampTime(frame.header));
+  if (view.showAge) line += " age=" + ageText(ageMs(frame.header, view.seen));
   if (view.answers) {
     char after[32];
     snprintf(after, sizeof after, "%.1fms", view.answers->afterMs);
@@ -234,7 +235,7 @@ std::string frameJson(const peer::DecodedFrame& frame, const FrameView& view, bo
   out += ",\"class\":" + jsonQuote(frame.entry->name);
   appendHeaderJson(frame.header, &out);
   out += ",\"stamp\":" + jsonQuote(isoTime(stampTime(frame.header)));
-  out += ",\"ageMs\":" + std::to_string(ageMs(frame.header, view.seen));
+  if (view.showAge) out += ",\"ageMs\":" + std::to_string(ageMs(frame.header, view.seen));
   out += ",\"args\":{";
   for (std::size_t i = 0; i < frame.args.size(); ++i) {
     const catalogue::Arg& field = frame.entry->args[i];

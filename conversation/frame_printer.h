@@ -43,6 +43,7 @@ struct FrameView {
   struct timespec seen = {0, 0};
   catalogue::Flow direction = catalogue::Flow::out;
   std::optional<Answered> answers;
+  bool showAge = true;  // false when the frame's stamp is on another clock
 };
 
 // The frame's part of the line above: class, header, arguments, notes.

@@ -5,10 +5,6 @@ namespace {
 
 using catalogue::Flow;
 
-// Requests that are never answered (no engine on the camera) must not pile
-// up for ever.
-constexpr std::size_t kOpenLimit = 1024;
-
 Flow opposite(Flow flow) { return flow == Flow::in ? Flow::out : Flow::in; }
 
 int64_t channelOf(const peer::DecodedFrame& frame) {
@@ -40,14 +36,15 @@ std::optional<Answered> Pairing::observe(const peer::DecodedFrame& frame, Flow f
       }
     }
     if (match != requests.end()) {
-      answered = Answered{match->id, match->className, millisecondsBetween(match->seen, seen)};
+      answered = Answered{match->id, match->className, millisecondsBetween(match->seen, seen), match->channel};
       requests.erase(match);
     }
   }
-  if (h.responseSelector != 0) {
+  // dravik answers a 13002 with the selector it names, even 0.
+  if (h.responseSelector != 0 || (flow == Flow::in && h.selector == kGetAnalyticsFilterDataSelector)) {
     std::deque<Open>& requests = open_[{opposite(flow), h.responseSelector}];
     requests.push_back({h.id, channelOf(frame), frame.decoded() ? frame.entry->name : "", seen});
-    if (requests.size() > kOpenLimit) requests.pop_front();
+    if (requests.size() > kOpenRequestLimit) requests.pop_front();
   }
   return answered;
 }

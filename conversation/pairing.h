@@ -26,7 +26,12 @@ struct Answered {
   int32_t requestId = 0;
   std::string requestClass;  // empty when the request was undecodable
   double afterMs = 0;        // from the request's capture to the answer's
+  int64_t channel = -1;      // the request's channel; -1: none
 };
+
+// Requests that are never answered (no engine on the camera) must not pile
+// up for ever: at most this many stay open per answer selector.
+constexpr std::size_t kOpenRequestLimit = 1024;
 
 class Pairing {
  public:

@@ -9,6 +9,8 @@ constexpr uint32_t kEnhancedPacketBlock = 6;
 constexpr uint32_t kByteOrderMagic = 0x1A2B3C4D;
 constexpr uint16_t kEndOfOptions = 0;
 constexpr uint16_t kEpbFlags = 2;
+constexpr uint16_t kShbUserAppl = 4;
+constexpr uint16_t kIfName = 2;
 constexpr uint16_t kIfTsresol = 9;
 constexpr uint32_t kInbound = 1;
 constexpr uint32_t kOutbound = 2;
@@ -26,6 +28,14 @@ void put32(std::string* out, uint32_t v) {
 }
 
 uint32_t padded(std::size_t n) { return static_cast<uint32_t>((n + 3) & ~static_cast<std::size_t>(3)); }
+
+// A text option, its value padded to 4 bytes.
+void putOption(std::string* out, uint16_t code, const std::string& text) {
+  put16(out, code);
+  put16(out, static_cast<uint16_t>(text.size()));
+  *out += text;
+  out->append(padded(text.size()) - text.size(), '\0');
+}
 
 // Frames the body of a block with its type and its length at both ends.
 std::string block(uint32_t type, const std::string& body) {
@@ -189,10 +199,14 @@ std::string fileHeader() {
   put16(&section, 0);
   put32(&section, 0xFFFFFFFF);  // section length: not given
   put32(&section, 0xFFFFFFFF);
+  putOption(&section, kShbUserAppl, "dravikctl");
+  put32(&section, kEndOfOptions);
   std::string interface;
   put16(&interface, kLinkTypeUser0);
   put16(&interface, 0);
   put32(&interface, 0);  // snap length: no limit
+  putOption(&interface, kIfName, "dravik");
+  put32(&interface, kEndOfOptions);
   return block(kSectionHeaderBlock, section) + block(kInterfaceDescriptionBlock, interface);
 }
 

@@ -6,8 +6,10 @@
 // in microseconds.
 //
 //   block             fields (32-bit words in the writer's byte order)
-//   Section Header    0x0A0D0D0A, length, 0x1A2B3C4D, version 1.0, section length -1
-//   Interface Descr.  0x00000001, length, link type 147, reserved, snap length 0
+//   Section Header    0x0A0D0D0A, length, 0x1A2B3C4D, version 1.0, section length -1,
+//                     shb_userappl "dravikctl"
+//   Interface Descr.  0x00000001, length, link type 147, reserved, snap length 0,
+//                     if_name "dravik"
 //   Enhanced Packet   0x00000006, length, interface 0, time high, time low,
 //                     captured, original, data padded to 4, epb_flags option
 #ifndef DRAVIK_CONVERSATION_PCAPNG_H_

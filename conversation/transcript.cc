@@ -11,7 +11,8 @@ std::string Transcript::frame(const std::string& bytes, catalogue::Flow flow, co
   view.seen = seen;
   view.direction = flow;
   view.answers = pairing_.observe(decoded, flow, seen);
-  if (!style_.filter.matches(decoded, flow)) return "";
+  view.showAge = !style_.noAge;
+  if (!style_.filter.matches(decoded, flow, view.answers ? view.answers->channel : -1)) return "";
   return style_.json ? frameJson(decoded, view, style_.hex) : frameLineText(decoded, view, style_.hex);
 }
 

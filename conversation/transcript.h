@@ -24,6 +24,7 @@ namespace conversation {
 struct Style {
   bool json = false;   // one JSON object per line instead of text
   bool hex = false;    // the whole frame's bytes on its line too
+  bool noAge = false;  // no age: the frames' stamps are on another clock
   FrameFilter filter;  // which frames are shown at all
 };
 

@@ -70,9 +70,17 @@ bool enter(std::string* whyNot) {
   if (geteuid() != 0) {
     if (!enterUserNamespace(whyNot)) return false;
   } else if (unshare(CLONE_NEWNS) != 0) {
-    return fail(whyNot, "unshare(CLONE_NEWNS)");
+    return fail(whyNot, "unshare(CLONE_NEWNS) (a mount namespace needs CAP_SYS_ADMIN, which this container or "
+                        "seccomp policy withholds)");
   }
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return fail(whyNot, "private propagation");
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+    // EINVAL: "/" is no mount point, as in a plain chroot.
+    return fail(whyNot, errno == EINVAL ? "the root directory is not a mount point (a plain chroot?), so the "
+                                          "sandbox's mounts cannot be kept from the host: run it in a container or "
+                                          "a virtual machine, or bind-mount the chroot's directory onto itself "
+                                          "before entering it; making the mounts private"
+                                        : "making the mounts private");
+  }
 
   // /etc/sysconfig may not exist on the host: an overlay over /etc, whose
   // upper layer lives in a scratch tmpfs, lets the namespace create it.

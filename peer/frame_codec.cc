@@ -17,10 +17,10 @@ using catalogue::ArgType;
 using catalogue::Entry;
 using catalogue::Flow;
 
-// Reads one argument. Numbers go through the library's decoders; the
-// length of a string or block is checked here, so that a length no reader
-// accepts is a decoding error of the frame rather than a console line.
-bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Value* value, std::string* whyNot) {
+// Reads one argument through the library's decoders. A string or block
+// length over the readers' limit is read as the daemon reads it: no value,
+// and the next argument right after the length; `note` says so.
+void readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Value* value, std::string* note) {
   uint32_t length = 0;
   uint32_t limit = 0;
   switch (arg.type) {
@@ -28,13 +28,13 @@ bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Val
       int32_t v = 0;
       in >> v;
       value->number = v;
-      return true;
+      return;
     }
     case ArgType::uint32: {
       uint32_t v = 0;
       in >> v;
       value->number = v;
-      return true;
+      return;
     }
     case ArgType::string: {
       uint16_t n = 0;
@@ -49,13 +49,12 @@ bool readArg(bistream& in, std::istream& payload, const catalogue::Arg& arg, Val
       break;
   }
   if (length > limit) {
-    *whyNot = std::string(arg.type == ArgType::string ? "string " : "byteArray ") + arg.name + " of " +
-             std::to_string(length) + " bytes is refused by readers";
-    return false;
+    *note = std::string(arg.name) + ": length " + std::to_string(length) + " is over the readers' limit of " +
+            std::to_string(limit) + (arg.type == ArgType::string ? ": dravik reads it as empty" : ": dravik reads no data");
+    return;
   }
   value->bytes.resize(length);
   if (length > 0) payload.read(&value->bytes[0], length);
-  return true;
 }
 
 // The entry of a class that the program names itself: a name that the
@@ -119,21 +118,19 @@ const Entry* classOf(const FrameHeader& h, Flow flow, std::size_t argumentBytes,
 }
 
 // The arguments of `entry` into result->args. False, with the reason in
-// result->error and no arguments, when they are refused or cut short.
+// result->error and no arguments, when they are cut short.
 bool readArgs(const Entry& entry, bistream& in, std::istream& payload, DecodedFrame* result) {
   for (const catalogue::Arg& arg : entry.args) {
     Value value(0);
-    std::string whyNot;
-    if (!readArg(in, payload, arg, &value, &whyNot)) {
-      result->error = std::string(entry.name) + ": " + whyNot;
-    } else if (!payload) {
+    std::string note;
+    readArg(in, payload, arg, &value, &note);
+    if (!payload) {
       result->error = std::string(entry.name) + ": frame ends inside argument " + arg.name;
-    } else {
-      result->args.push_back(std::move(value));
-      continue;
+      result->args.clear();
+      return false;
     }
-    result->args.clear();
-    return false;
+    if (!note.empty()) result->notes.push_back(note);
+    result->args.push_back(std::move(value));
   }
   return true;
 }
@@ -171,6 +168,20 @@ void CatalogueMessage::toStream(bostream& out) const {
       }
     }
   }
+}
+
+const char* typeName(ArgType type) {
+  switch (type) {
+    case ArgType::int32:
+      return "int32";
+    case ArgType::uint32:
+      return "uint32";
+    case ArgType::string:
+      return "string";
+    case ArgType::bytes:
+      return "block";
+  }
+  return "block";
 }
 
 const Value* DecodedFrame::arg(const std::string& name) const {

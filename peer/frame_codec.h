@@ -78,6 +78,10 @@ struct DecodedFrame {
   const Value* arg(const std::string& name) const;
 };
 
+// "int32", "uint32", "string" or "block": an argument's type as the tools
+// name it (list, the dissector).
+const char* typeName(catalogue::ArgType type);
+
 // `frame` as read from a pipe: the 4-byte length and the payload, or fewer
 // bytes when the pipe ended inside it, or only the 4 bytes of a length that
 // no reader accepts. `flow` is the pipe's: in for the service's mailbox, out

@@ -37,6 +37,12 @@ bool isFifo(int fd) {
 // Opens the named pipe at `path` without waiting (O_NONBLOCK); -1, with the
 // reason, when it is missing, has no reader (a writer's open) or is no pipe.
 int openPipe(const std::string& path, int access, std::string* whyNot) {
+  // Looked at first, so that nothing else (a device) is ever opened.
+  struct stat kind;
+  if (stat(path.c_str(), &kind) == 0 && !S_ISFIFO(kind.st_mode)) {
+    *whyNot = path + " is not a named pipe";
+    return -1;
+  }
   int fd = ::open(path.c_str(), access | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     *whyNot = openFailure(path, errno);
@@ -99,11 +105,13 @@ bool MailboxWriter::write(const std::string& frame, const Deadline& deadline, st
 }
 
 bool MailboxWriter::write(const char* data, std::size_t size, const Deadline& deadline, std::string* whyNot) {
+  lastWritten_ = 0;
   if (fd_ < 0) {
     *whyNot = "no daemon is reading " + path_;
     return false;
   }
-  std::size_t done = 0;
+  std::size_t& done = lastWritten_;
+  done = 0;
   while (done < size) {
     ssize_t n = ::write(fd_, data + done, size - done);
     if (n > 0) {

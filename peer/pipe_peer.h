@@ -48,11 +48,15 @@ class MailboxWriter {
   // The same for `size` bytes at `data`: a part of a larger buffer, or
   // several frames at once.
   bool write(const char* data, std::size_t size, const Deadline& deadline, std::string* whyNot);
+  // How many bytes the last write put into the pipe: fewer than asked when
+  // it failed, and then 0 means that nothing of the frame went in.
+  std::size_t lastWritten() const { return lastWritten_; }
   void close();
 
  private:
   int fd_ = -1;
   std::string path_;
+  std::size_t lastWritten_ = 0;
 };
 
 // Cuts a byte stream into frames as the service's reader does: a frame is

@@ -12,9 +12,10 @@ namespace {
 
 using catalogue::Flow;
 
+// With the application ("dravikctl") and the interface's name ("dravik").
 const char* const kSectionAndInterface =
-    "0A0D0D0A 1C000000 4D3C2B1A 0100 0000 FFFFFFFF FFFFFFFF 1C000000"
-    " 01000000 14000000 9300 0000 00000000 14000000";
+    "0A0D0D0A 30000000 4D3C2B1A 0100 0000 FFFFFFFF FFFFFFFF 0400 0900 64726176696B63746C 000000 00000000 30000000"
+    " 01000000 24000000 9300 0000 00000000 0200 0600 64726176696B 0000 00000000 24000000";
 
 TEST(Pcapng, WritesAndReadsBothDirections) {
   struct timespec seen = {1, 2003000};  // 1.002003 s: 1002003 µs = 0x000F4A13
@@ -46,7 +47,7 @@ TEST(Pcapng, RefusesWhatIsNoCaptureOfFrames) {
       {"0A0D0D0A 1C000000 01020304 0100 0000 FFFFFFFF FFFFFFFF 1C000000", "no pcapng byte order magic (block at byte 0)"},
       {"0A0D0D0A 1C000000 4D3C2B1A 0100 0000 FFFFFFFF FFFFFFFF 1C000000 01000000 14000000 0100 0000 00000000 14000000",
        "interface of link type 1, not 147 (dravik frames) (block at byte 28)"},
-      {std::string(kSectionAndInterface) + " 06000000 FF000000 00000000", "block of invalid length 255 (block at byte 48)"},
+      {std::string(kSectionAndInterface) + " 06000000 FF000000 00000000", "block of invalid length 255 (block at byte 84)"},
   };
   for (const auto& row : rows) {
     std::vector<pcapng::Packet> packets;

@@ -37,7 +37,7 @@ TEST(Transcript, LinesOfAConversation) {
        Flow::out, 1005,
        "00:00:01.005 out GetAnalyticsFilterDataResponse 13->100 id=3 corr=7 resp=0 path=\"/p\" stamp=00:00:01.001 "
        "age=4ms answers=7 after=2.0ms",
-       false},
+       true},  // the answer to a request about channel 1
       {"00000034 00000001 0000000D 00000002 00000004 00000000 00000000000003E8 000032CC 000032CE 00000000 00000008"
        " 00000001 0002 2F66",
        Flow::out, 1010,
@@ -49,6 +49,25 @@ TEST(Transcript, LinesOfAConversation) {
        Flow::in, 1030,
        "00:00:01.030 in SaveAnalyticsFilterDataCommand 2->13 id=9 corr=0 resp=0 channel=1 status=0 "
        "stamp=00:00:01.000 age=30ms answers=4 after=20.0ms",
+       false},
+      // A 13002 that names no response selector is answered with selector 0.
+      {"00000030 00000001 00000064 0000000D 00000008 00000000 00000000000003E8 000032CA 00000000 00000000 00000004"
+       " 00000002",
+       Flow::in, 1050,
+       "00:00:01.050 in GetAnalyticsFilterDataRequest 100->13 id=8 corr=0 resp=0 channel=2 stamp=00:00:01.000 age=50ms",
+       false},
+      {"00000030 00000001 0000000D 00000064 00000005 00000008 00000000000003E8 00000000 00000000 00000000 00000004"
+       " 0002 2F71",
+       Flow::out, 1052,
+       "00:00:01.052 out GetAnalyticsFilterDataResponse 13->100 id=5 corr=8 resp=0 path=\"/q\" stamp=00:00:01.000 "
+       "age=52ms answers=8 after=2.0ms",
+       false},
+      // A name over the readers' limit: dravik acts on the frame with an empty one.
+      {"00000032 00000001 00000064 0000000D 0000000A 00000000 00000000000003E8 000032CC 00000000 00000000 00000006"
+       " 00000001 8000",
+       Flow::in, 1060,
+       "00:00:01.060 in SetAnalyticsFilterDataCommand 100->13 id=10 corr=0 resp=0 channel=1 fileName=\"\" [fileName: "
+       "length 32768 is over the readers' limit of 32767: dravik reads it as empty] stamp=00:00:01.000 age=60ms",
        false},
       {"00000000", Flow::in, 1040, "00:00:01.040 in undecodable frame (invalid frame length 0): 00 00 00 00", false},
   };
@@ -71,6 +90,11 @@ TEST(Transcript, LinesOfAConversation) {
                 "\"afterMs\":2.000}}");
     }
   }
+  // Without ages, when the frames' stamps are on another clock.
+  Style noAge;
+  noAge.noAge = true;
+  EXPECT_EQ(Transcript(noAge).frame(bytesFromHex(rows[0].frame), Flow::in, at(1003)),
+            "00:00:01.003 in GetAnalyticsFilterDataRequest 100->13 id=7 corr=0 resp=13003 channel=1 stamp=00:00:01.000");
   const std::string datagram = "<11>Jan  1 00:00:01 dravik: RestoreFactorySettings::Invalid Channel=7";
   EXPECT_EQ(text.log(datagram, at(1003)), "00:00:01.003 log err RestoreFactorySettings::Invalid Channel=7");
   EXPECT_EQ(objects.log(datagram, at(1003)),

@@ -4,16 +4,19 @@
 // shipped dissector reads its capture; one-shot commands report the daemon's
 // verdict; and the daemon outlives a tool killed in the middle.
 #include <sys/ptrace.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -55,6 +58,13 @@ class TapTest : public ::testing::Test {
     ASSERT_TRUE(consumer_.start(gCat, "cat", {kNotificationFifoPath}, {}, &why)) << why;
     ASSERT_TRUE(waitUntilOpen(consumer_.pid(), kNotificationFifoPath, 5s));
     ASSERT_TRUE(client_.open(kCommandFifoPath, &why)) << why;
+    // The first writer starts the dispatcher, whose first lines belong to no command.
+    ASSERT_TRUE(syslog_.waitFor(daemon_.pid(), [](const std::vector<SyslogLine>& lines) {
+      for (const SyslogLine& line : lines) {
+        if (line.second.find("API: starting dispatcher") != std::string::npos) return true;
+      }
+      return false;
+    }, 5s));
   }
 
   void run(ChildProcess& ctl, std::vector<std::string> args, bool tap = true) {
@@ -131,6 +141,65 @@ class TapTest : public ::testing::Test {
   int32_t lastEndpoint_ = 1000;
 };
 
+// The value of `key` in one JSON line of dravikctl decode: a number or a
+// string's text; a list's strings joined by commas; empty for null or none.
+std::string jsonField(const std::string& line, const std::string& key) {
+  std::smatch m;
+  if (std::regex_search(line, m, std::regex("\"" + key + "\":(\"([^\"]*)\"|(-?[0-9]+|true|false)|\\[([^\\]]*)\\])"))) {
+    if (m[4].matched) return std::regex_replace(m[4].str(), std::regex("\"(,?)"), "$1");
+    return m[2].matched ? m[2].str() : m[3].str();
+  }
+  return "";
+}
+
+// The fields of each frame of `capture` as the shipped dissector shows them
+// in Debian's tshark, and as `dravikctl decode` shows them: one line each.
+const char* const kComparedFields[] = {"direction", "class",   "version",          "sender", "recipient",
+                                       "id",        "correlationId", "timestamp", "selector", "responseSelector",
+                                       "argsLength", "channel", "path",             "error",  "note"};
+
+std::string fieldsOf(const std::string& capture) {
+  EXPECT_FALSE(gDissector.empty()) << "no dissector at " DRAVIK_DISSECTOR;
+  writeFile("/tmp/dravik.lua", gDissector);
+  std::vector<std::string> args = {"-X", "lua_script:/tmp/dravik.lua", "-r", capture, "-T", "fields", "-E", "occurrence=a"};
+  for (const char* field : kComparedFields) args.insert(args.end(), {"-e", std::string("dravik.") + field});
+  ChildProcess tshark;
+  std::string why;
+  EXPECT_TRUE(tshark.start(gTshark, "tshark", args, {}, &why)) << why;
+  EXPECT_EQ(tshark.wait(60s).value_or(-1), 0) << tshark.err();
+  return tshark.out();
+}
+
+std::string decodedFields(const std::string& capture) {
+  ChildProcess decode;
+  std::string why;
+  EXPECT_TRUE(decode.start(gCtl, "dravikctl", {"decode", "--json", capture}, {}, &why)) << why;
+  EXPECT_EQ(decode.wait(60s).value_or(-1), 0) << decode.err();
+  std::istringstream lines(decode.out());
+  std::string line, out;
+  while (std::getline(lines, line)) {
+    std::string row;
+    for (const char* field : kComparedFields) {
+      std::string value = jsonField(line, std::string(field) == "note" ? "notes" : field);
+      if (std::string(field) == "timestamp" && !value.empty()) {
+        // tshark's form of a time: "Jan  1, 1970 00:00:01.000000000 UTC".
+        long long ms = std::stoll(value);
+        time_t seconds = static_cast<time_t>(ms / 1000);
+        struct tm utc;
+        gmtime_r(&seconds, &utc);
+        char text[64];
+        strftime(text, sizeof text, "%b %e, %Y %H:%M:%S", &utc);
+        char fraction[32];
+        snprintf(fraction, sizeof fraction, ".%03lld000000 UTC", ms % 1000);
+        value = std::string(text) + fraction;
+      }
+      row += (row.empty() && std::string(field) == "direction" ? "" : "\t") + value;
+    }
+    out += row + "\n";
+  }
+  return out;
+}
+
 // A few hundred commands of every kind, some refused by the daemon.
 std::vector<CatalogueMessage> mixedCommands(int count) {
   std::vector<CatalogueMessage> messages;
@@ -171,7 +240,11 @@ TEST_F(TapTest, PipelinedLoadCapturedForWireshark) {
   monitor(ctl, {"--pcap", "/tmp/capture.pcapng", "--count", std::to_string(2 * requests)});
   std::vector<CatalogueMessage> messages;
   for (int i = 0; i < requests; ++i) messages.emplace_back("GetAnalyticsFilterDataRequest", std::vector<peer::Value>{i % 4});
-  std::string sent = send(messages, true);
+  // The first with 4 bytes after its arguments, which dravik reads past.
+  std::string sent = bytesFromHex("00000034") + encodeFrame(messages[0]).substr(4) + bytesFromHex("DEADBEEF");
+  for (int i = 1; i < requests; ++i) sent += encodeFrame(messages[static_cast<std::size_t>(i)]);
+  std::string error;
+  ASSERT_TRUE(client_.write(sent, peer::Deadline::after(5), &error)) << error;
   ASSERT_EQ(ctl.wait(20s).value_or(-1), 0) << ctl.err();
   std::string in, out;
   printed(ctl.out(), &in, &out);
@@ -180,35 +253,10 @@ TEST_F(TapTest, PipelinedLoadCapturedForWireshark) {
   EXPECT_EQ(toHex(out), toHex(consumer_.out()));
 
   if (gTshark < 0) GTEST_SKIP() << "tshark is not installed (Debian package tshark)";
-  ASSERT_FALSE(gDissector.empty()) << "no dissector at " DRAVIK_DISSECTOR;
-  writeFile("/tmp/dravik.lua", gDissector);
-  ChildProcess tshark;
-  std::string why;
-  ASSERT_TRUE(tshark.start(gTshark, "tshark",
-                           {"-X", std::string("lua_script:/tmp/dravik.lua"), "-r", "/tmp/capture.pcapng", "-T",
-                            "fields", "-e", "dravik.direction", "-e", "dravik.class", "-e", "dravik.id", "-e",
-                            "dravik.correlationId", "-e", "dravik.channel", "-e", "dravik.path"},
-                           {}, &why))
-      << why;
-  ASSERT_EQ(tshark.wait(60s).value_or(-1), 0) << tshark.err();
-  std::string expected;
-  peer::FrameAssembler frames;
-  frames.append(sent.data(), sent.size());
-  frames.append(out.data(), out.size());
-  std::string frame;
-  for (int i = 0; frames.next(&frame); ++i) {
-    peer::DecodedFrame d = peer::decodeFrame(frame, i < requests ? Flow::in : Flow::out);
-    const peer::Value* channel = d.arg("channel");
-    const peer::Value* path = d.arg("path");
-    expected += std::string(i < requests ? "in\t" : "out\t") + d.entry->name + "\t" + std::to_string(d.header.id) +
-                "\t" + std::to_string(d.header.correlationId) + "\t" +
-                (channel ? std::to_string(channel->number) : "") + "\t" + (path ? path->bytes : "") + "\n";
-  }
-  // Both directions in capture order, compared per direction.
-  std::istringstream lines(tshark.out());
-  std::string line, shownIn, shownOut;
-  while (std::getline(lines, line)) (line.compare(0, 3, "in\t") == 0 ? shownIn : shownOut) += line + "\n";
-  EXPECT_EQ(shownIn + shownOut, expected);
+  std::string shown = fieldsOf("/tmp/capture.pcapng");
+  EXPECT_EQ(std::count(shown.begin(), shown.end(), '\n'), 2 * requests);
+  EXPECT_EQ(shown, decodedFields("/tmp/capture.pcapng"));
+  EXPECT_NE(shown.find("\targsLength 4 but 8 argument bytes,4 bytes after the arguments\n"), std::string::npos);
 }
 
 TEST_F(TapTest, DaemonOutlivesAKilledTool) {
@@ -223,43 +271,195 @@ TEST_F(TapTest, DaemonOutlivesAKilledTool) {
   expectDaemonRuns();
 }
 
+// What stands around the daemon while a command runs.
+enum class Around {
+  nothing,
+  noLog,      // no syslog socket at /dev/log
+  monitored,  // a monitor taps the daemon
+  stopped,    // the daemon is stopped (SIGSTOP) until the command ends
+};
+
+std::string joined(const std::vector<std::string>& args) {
+  std::string text;
+  for (const std::string& a : args) text += " " + a;
+  return text;
+}
+
+std::string replaced(std::string text, const std::string& marker, const std::string& with) {
+  for (std::size_t at; (at = text.find(marker)) != std::string::npos;) text.replace(at, marker.size(), with);
+  return text;
+}
+
+// The verdict table: each row is a command line and what stands around the
+// daemon, and the exit status (0 seen accepted, 1 seen refused, 3 sent but
+// not known, 4 not sent), standard output and standard error it gives.
+// <pid> stands for the daemon's pid, <monitor> for the monitor's.
 TEST_F(TapTest, OneShotCommandsReportTheVerdict) {
-  std::string comm = procfs::firstLine(procfs::path(consumer_.pid(), "comm"));
-  const std::string reader = "process " + std::to_string(consumer_.pid()) + " (" + comm + ") reads /tmp/comm.mailbox";
+  const std::string incoming = "/etc/sysconfig/dravik/incoming/";
+  ASSERT_EQ(mkdir(incoming.c_str(), 0755), 0);
+  for (const char* name : {"f1.xml", "f3.xml"}) writeFile(incoming + name, "<filter/>\n");
+  writeFile("/tmp/f2.xml", "<filter/>\n");
+  const std::string reader = "process " + std::to_string(consumer_.pid()) + " (cat) reads /tmp/comm.mailbox";
+  const std::string tbe = "/etc/sysconfig/dravik/zek/tbe/";
+  const std::string badChannel = "dravikctl: note: channel 7 is not one of 0 to 3: dravik refuses it with an error line\n";
+  auto forwarded = [&](int channel, const std::string& file) {
+    std::string ch = std::to_string(channel);
+    return "dravik: info: Set AnalyticsFilterData for input " + ch +
+           "\ndravik: info: Sending SendAnalyticsFilterDataNotification for ch=" + ch +
+           "\ndravik: info: SetAnalyticsFilter ch=" + ch + " name=" + file + "\n";
+  };
   const struct {
     std::vector<std::string> args;
-    bool tap;
+    Around around;
+    int32_t endpoint2;  // the status endpoint 2 answers a new filter with; -1: no answer
     int status;
     std::string out, err;
   } rows[] = {
-      {{"reset-channel", "7"}, true, 1, "",
-       "dravik: info:  RestoreFactorySettings ch=7\ndravik: err: RestoreFactorySettings::Invalid Channel=7\n"},
-      {{"save-filter", "1", "0"}, true, 1, "",
-       "dravik: info: Saving Analytics Filter To file for ch=1 FileName:: \n"
-       "dravik: err: SaveAnalyticsFilterFile: Error renaming  to /etc/sysconfig/dravik/zek/tbe/metadataFilterCH1.xml: "
+      // Seen accepted.
+      {{"get-filter", "2"}, Around::nothing, -1, 0, tbe + "metadataFilterCH2.xml\n",
+       "dravik: info: Sending get CH=2 " + tbe + "metadataFilterCH2.xml\n"},
+      {{"call", "13002", "channel=1"}, Around::nothing, -1, 0, "path=" + tbe + "metadataFilterCH1.xml\n",
+       "dravik: info: Sending get CH=1 " + tbe + "metadataFilterCH1.xml\n"},
+      {{"reset-calibration", "3"}, Around::nothing, -1, 0, "",
+       "dravik: info: ResetCalibrationNotification::toStream channel=3\n"},
+      {{"set-filter", "1", incoming + "f1.xml", "--wait-save"}, Around::nothing, 0, 0, "",
+       forwarded(1, incoming + "f1.xml") + "dravik: info: Saving Analytics Filter To file for ch=1 FileName:: " +
+           incoming + "f1.xml\n"},
+      // Seen refused.
+      {{"reset-channel", "7"}, Around::nothing, -1, 1, "",
+       badChannel + "dravik: info:  RestoreFactorySettings ch=7\ndravik: err: RestoreFactorySettings::Invalid Channel=7\n"},
+      {{"save-filter", "0", "0"}, Around::nothing, -1, 1, "",
+       "dravik: info: Saving Analytics Filter To file for ch=0 FileName:: \n"
+       "dravik: err: SaveAnalyticsFilterFile: Error renaming  to " + tbe + "metadataFilterCH0.xml: "
        "No such file or directory\n"},
-      {{"get-filter", "2"}, true, 0, "/etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml\n",
-       "dravik: info: Sending get CH=2 /etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml\n"},
-      {{"reset-calibration", "3"}, true, 0, "", "dravik: info: ResetCalibrationNotification::toStream channel=3\n"},
-      {{"reset-all", "--no-wait"}, false, 0, "", ""},
-      {{"reset-all", "--direct"}, false, 0, "", "dravikctl: sent; the outcome is not known (--direct)\n"},
-      {{"get-filter", "1", "--direct"}, false, 1, "",
-       "dravikctl: " + reader + ", and get-filter would take frames from it (each frame reaches one reader); watch "
-       "through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
-      {{"simulate"}, false, 1, "",
-       "dravikctl: " + reader + ", and simulate would take frames from it (each frame reaches one reader); watch "
-       "through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
+      {{"set-filter", "2", "/tmp/f2.xml", "--wait-save"}, Around::nothing, 0, 1, "",
+       "dravikctl: warning: /tmp/f2.xml is on another file system than dravik's store (" + tbe +
+           "): dravik moves a filter there with a rename, which cannot cross file systems (Invalid cross-device "
+           "link); put it in /etc/sysconfig/dravik/incoming\n" +
+           forwarded(2, "/tmp/f2.xml") + "dravik: info: Saving Analytics Filter To file for ch=2 FileName:: /tmp/f2.xml\n"
+           "dravik: err: SaveAnalyticsFilterFile: Error renaming /tmp/f2.xml to " + tbe + "metadataFilterCH2.xml: "
+           "Invalid cross-device link\n"},
+      // Sent, the outcome not known.
+      {{"reset-all", "--no-wait"}, Around::nothing, -1, 3, "", ""},
+      {{"reset-all", "--direct"}, Around::nothing, -1, 3, "", "dravikctl: sent; the outcome is not known: --direct\n"},
+      {{"reset-channel", "7"}, Around::noLog, -1, 3, "",
+       badChannel + "dravikctl: sent; the outcome is not known: dravik could not write its log (connect to /dev/log: No such file "
+       "or directory), which tells whether it accepted the message\n"},
+      {{"reset-calibration", "2"}, Around::monitored, -1, 3, "",
+       "dravikctl: sent; the outcome is not known: cannot tap dravik: dravik (pid <pid>) is tapped already, by "
+       "dravikctl (pid <monitor>): one tap at a time (a process has one tracer)\n"},
+      {{"get-filter", "0", "--timeout", "1"}, Around::stopped, -1, 3, "",
+       "dravikctl: sent; the outcome is not known: dravik did not take the message from /tmp/dravik.mailbox within "
+       "1 s (dravik, pid <pid>, is stopped); it stays there and runs when dravik reads on\n"},
+      {{"set-filter", "3", incoming + "f3.xml", "--wait-save", "--timeout", "1"}, Around::nothing, -1, 3, "",
+       forwarded(3, incoming + "f3.xml") + "dravikctl: sent; the outcome is not known: dravik forwarded the filter "
+       "to endpoint 2, which had not answered within 1 s: the filter is not saved yet\n"},
+      // Not sent.
+      {{"get-filter", "1", "--direct"}, Around::nothing, -1, 4, "",
+       "dravikctl: not sent: " + reader + ", and get-filter would take frames from it (each frame reaches one "
+       "reader); watch through the tap instead (root or CAP_SYS_PTRACE), or --force\n"},
   };
   for (const auto& row : rows) {
+    bool tap = row.args[1] != "--no-wait" && row.args[1] != "--direct" && row.args.back() != "--direct";
+    ChildProcess watcher;
+    if (row.around == Around::monitored) monitor(watcher, {});
+    if (row.around == Around::noLog) syslog_.close();
+    if (row.around == Around::stopped) kill(daemon_.pid(), SIGSTOP);
     ChildProcess ctl;
-    run(ctl, row.args, row.tap);
-    EXPECT_EQ(ctl.wait(10s).value_or(-1), row.status << 8) << row.args[0];
-    EXPECT_EQ(ctl.out(), row.out) << row.args[0];
-    EXPECT_EQ(ctl.err(), row.err) << row.args[0];
+    run(ctl, row.args, tap);
+    if (row.endpoint2 >= 0) {
+      // Endpoint 2's answer, once the filter's name has reached it.
+      int32_t channel = std::stoi(row.args[1]);
+      ASSERT_TRUE(consumer_.waitForOut(be32(static_cast<uint32_t>(channel)) + str(row.args[2]), 10s)) << row.args[2];
+      CatalogueMessage answer("SaveAnalyticsFilterDataCommand", {channel, row.endpoint2});
+      answer.sender = kFilterEndpoint;
+      send({answer}, false);
+    }
+    EXPECT_EQ(ctl.wait(10s).value_or(-1), row.status << 8) << joined(row.args);
+    EXPECT_EQ(ctl.out(), row.out) << joined(row.args);
+    std::string err = replaced(replaced(row.err, "<pid>", std::to_string(daemon_.pid())), "<monitor>",
+                               std::to_string(watcher.pid()));
+    EXPECT_EQ(ctl.err(), err) << joined(row.args);
+    if (row.around == Around::stopped) {
+      // The message ran once dravik went on: its answer reaches the reader.
+      kill(daemon_.pid(), SIGCONT);
+      EXPECT_TRUE(consumer_.waitForOut("/etc/sysconfig/dravik/zek/tbe/metadataFilterCH0.xml", 10s));
+    }
+    std::string why;
+    if (row.around == Around::noLog) {
+      ASSERT_TRUE(syslog_.open("/dev/log", &why)) << why;
+    }
+    if (row.around == Around::monitored) {
+      watcher.signal(SIGINT);
+      EXPECT_EQ(watcher.wait(10s).value_or(-1), 0) << watcher.err();
+    }
   }
   // The camera's reader got the answer that get-filter printed.
   EXPECT_TRUE(consumer_.waitForOut("/etc/sysconfig/dravik/zek/tbe/metadataFilterCH2.xml", 5s));
   expectDaemonRuns();
+}
+
+// monitor --follow taps the next daemon when one ends, and says so.
+TEST_F(TapTest, MonitorFollowsARestart) {
+  ChildProcess ctl;
+  run(ctl, {"monitor", "--follow"}, false);
+  ASSERT_TRUE(ctl.waitForErr("dravikctl: tapping dravik", 5s)) << ctl.err();
+  const std::string first = std::to_string(daemon_.pid());
+  daemon_.signal(SIGTERM);
+  ASSERT_TRUE(daemon_.wait(10s));
+  ASSERT_TRUE(ctl.waitForErr("dravikctl: dravik (pid " + first + ") has ended; waiting for the next one\n"
+                             "dravikctl: waiting for dravik to read /tmp/dravik.mailbox\n", 10s))
+      << ctl.err();
+  ChildProcess next;
+  std::string why;
+  ASSERT_TRUE(next.start(gDaemon, "dravik", {"-s", "3600"}, {}, &why)) << why;
+  ASSERT_TRUE(ctl.waitForErr("dravikctl: tapping dravik (pid " + std::to_string(next.pid()) + ", threads", 10s))
+      << ctl.err();
+  ASSERT_TRUE(client_.open(kCommandFifoPath, &why)) << why;
+  send({CatalogueMessage("ResetCalibrationCommand", {1})}, false);
+  EXPECT_TRUE(ctl.waitForOut(" in ResetCalibrationCommand -1->13 ", 10s)) << ctl.out();
+  ctl.signal(SIGINT);
+  EXPECT_EQ(ctl.wait(10s).value_or(-1), 0) << ctl.err();
+}
+
+// status and wait, for scripts: while dravik runs and after it has ended.
+TEST_F(TapTest, StatusAndWaitTellWhetherDravikRuns) {
+  const std::string pid = std::to_string(daemon_.pid());
+  ChildProcess wait, status;
+  run(wait, {"wait"}, false);
+  EXPECT_EQ(wait.wait(10s).value_or(-1), 0);
+  EXPECT_EQ(wait.out(), "dravik (pid " + pid + ") reads /tmp/dravik.mailbox\n");
+  writeFile("/etc/sysconfig/dravik/zek/cal/zekCalibrationDataCH1.bin", "abc");
+  run(status, {"status", "--json"}, false);
+  EXPECT_EQ(status.wait(10s).value_or(-1), 0);
+  const std::string json = status.out();
+  EXPECT_EQ(jsonField(json, "running") + " " + jsonField(json, "pid") + " " + jsonField(json, "readsMailbox"),
+            "true " + pid + " true");
+  EXPECT_NE(json.find("{\"pid\":" + pid + ",\"name\":\"dravik\",\"access\":\"read\"}"), std::string::npos)
+      << json;
+  EXPECT_NE(json.find("\"store\":[{\"path\":\"/etc/sysconfig/dravik/zek/cal/zekCalibrationDataCH1.bin\",\"size\":3,"),
+            std::string::npos)
+      << json;
+
+  daemon_.signal(SIGTERM);
+  ASSERT_TRUE(daemon_.wait(10s));
+  ChildProcess stopped, waited;
+  run(stopped, {"status"}, false);
+  EXPECT_EQ(stopped.wait(10s).value_or(-1), 1 << 8);
+  EXPECT_EQ(stopped.out().substr(0, stopped.out().find('\n')),
+            "dravik: not running: no dravik process is running (--pid N names one)");
+  run(waited, {"wait", "--timeout", "0.5"}, false);
+  EXPECT_EQ(waited.wait(10s).value_or(-1), 1 << 8);
+  EXPECT_EQ(waited.err(), "dravikctl: dravik did not read /tmp/dravik.mailbox within 0.5 s: no dravik process is "
+                          "running (--pid N names one)\n");
+}
+
+TEST_F(TapTest, SimulateRefusesBesideAnotherReader) {
+  ChildProcess ctl;
+  run(ctl, {"simulate"}, false);
+  EXPECT_EQ(ctl.wait(10s).value_or(-1), 1 << 8);
+  EXPECT_EQ(ctl.err(), "dravikctl: process " + std::to_string(consumer_.pid()) + " (cat) reads /tmp/comm.mailbox, and simulate would take frames from it (each frame reaches one "
+                           "reader); watch through the tap instead (root or CAP_SYS_PTRACE), or --force\n");
 }
 
 // Whether this process may trace a child: not under qemu-user, nor where a
@@ -284,6 +484,7 @@ std::string whyNoTracing() {
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
+  if (::testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
   gDaemon = openExecutable(DRAVIK_BINARY);
   gCtl = openExecutable(DRAVIKCTL_BINARY);
   gCat = openExecutable("/bin/cat");

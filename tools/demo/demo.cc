@@ -70,6 +70,10 @@ void step(const std::string& title) {
   say("==== " + title);
 }
 
+// The daemon's console line when the last writer of its mailbox leaves: a
+// newcomer would take it for a fault.
+constexpr const char* kWriterLeft = "Exception ocurred reading message: basic_ios::clear: iostream error";
+
 // A ChildProcess output callback that prints whole lines: standard output
 // under `out` (nothing: the line carries its own time and source, as the
 // simulator's do), standard error under `err`.
@@ -81,8 +85,17 @@ std::function<void(bool, const std::string&)> linePrinter(const std::string& out
     for (std::size_t end; (end = buffer.find('\n')) != std::string::npos; buffer.erase(0, end + 1)) {
       std::string whole = buffer.substr(0, end);
       fromErr || !out.empty() ? printStamped(fromErr ? err : out, whole) : printTranscriptLine(whole);
+      if (whole.find(kWriterLeft) != std::string::npos) {
+        printStamped("demo", "(this is how dravik reports that the last writer left its mailbox: expected here)");
+      }
     }
   };
+}
+
+// Ends the demo when something it waits for does not come.
+[[noreturn]] void giveUp(const std::string& why) {
+  printStamped("demo", "FAILED: " + why);
+  std::exit(1);
 }
 
 // The programs, the daemon's log and the running children.
@@ -109,7 +122,8 @@ void startDaemon() {
   if (!faketime.empty()) options.environment = {"LD_PRELOAD=" + faketime, "FAKETIME=+0 x" + std::to_string(kSpeedUp)};
   dravikProcess = startShown(daemonExe, "dravik", {"-s", "0"}, options);
   // Its pipes exist once it waits on its mailbox: the simulator needs them.
-  if (!waitUntilOpen(dravikProcess->pid(), kCommandFifoPath, Seconds(5))) say("(dravik has not opened its mailbox)");
+  say(std::string("(waiting for dravik to open ") + kCommandFifoPath + ")");
+  if (!waitUntilOpen(dravikProcess->pid(), kCommandFifoPath, Seconds(10))) giveUp("dravik did not open its mailbox");
 }
 
 void stopDaemon() {
@@ -119,17 +133,29 @@ void stopDaemon() {
   say("dravik " + (status ? describeWaitStatus(*status) : "did not stop and was killed"));
 }
 
+// The daemon's stamps are on its own, faster clock: the simulator shows no ages.
+bool fastClock = false;
+
 void startSimulator(std::vector<std::string> options) {
   options.insert(options.begin(), "simulate");
+  if (fastClock) options.push_back("--no-age");
   ChildOptions how;
   how.onOutput = linePrinter("", "sim");
   simulatorProcess = startShown(ctlExe, "dravikctl", options, how);
+  // It answers only once it reads the notifications and writes the mailbox.
+  say(std::string("(waiting for the simulator to read ") + kNotificationFifoPath + " and write " + kCommandFifoPath + ")");
+  if (!waitUntilOpen(simulatorProcess->pid(), kNotificationFifoPath, Seconds(10)) ||
+      !waitUntilOpen(simulatorProcess->pid(), kCommandFifoPath, Seconds(10))) {
+    giveUp("the simulator did not open both pipes");
+  }
 }
 
+// Until the simulator has ended: only then may another reader take the
+// notification pipe.
 void stopSimulator() {
-  say("(stopping the simulator)");
+  say("(stopping the simulator, and waiting until it has ended)");
   simulatorProcess->signal(SIGTERM);
-  simulatorProcess->wait(Seconds(5));
+  if (!simulatorProcess->wait(Seconds(10))) giveUp("the simulator did not stop");
 }
 
 // A GetAnalyticsFilterDataRequest and its answer, on the pipes themselves:
@@ -165,22 +191,23 @@ void waitForLog(std::size_t mark, const std::string& text, int timeoutSeconds) {
     return false;
   };
   if (syslogReader.waitFor(dravikProcess->pid(), seen, Seconds(timeoutSeconds))) return;
-  say("gave up waiting " + std::to_string(timeoutSeconds) + " s for the log line: " + text);
-  std::exit(1);
+  giveUp("no log line '" + text + "' within " + std::to_string(timeoutSeconds) + " s");
 }
 
-// Runs a dravikctl command and waits for the daemon's log line that
-// contains `logged`, and a little more for the file work that follows it.
-void runDravikctl(const std::vector<std::string>& args, const std::string& logged) {
+// Runs a dravikctl command, which returns once it has seen dravik handle its
+// message (the store's files are then as they will stay), and checks its
+// verdict; waits for the log line that contains `logged`, so that the
+// transcript shows it before what follows.
+void runDravikctl(const std::vector<std::string>& args, const std::string& logged, int expected) {
   std::size_t mark = syslogReader.lines(dravikProcess->pid()).size();
   ChildOptions options;
   options.onOutput = linePrinter(">", ">");
-  std::optional<int> status = startShown(ctlExe, "dravikctl", args, options)->wait(Seconds(10));
-  if (!status || !WIFEXITED(*status) || WEXITSTATUS(*status) != 0) {
-    say("(" + (status ? describeWaitStatus(*status) : std::string("still running after 10 s: killed")) + ")");
-  }
+  std::optional<int> status = startShown(ctlExe, "dravikctl", args, options)->wait(Seconds(20));
+  if (!status) giveUp("dravikctl was still running after 20 s");
+  if (!WIFEXITED(*status) || WEXITSTATUS(*status) != expected) giveUp("dravikctl " + describeWaitStatus(*status));
+  say("(dravikctl exited with status " + std::to_string(expected) +
+      (expected == 0 ? ": dravik was seen to accept the message)" : ": dravik was seen to refuse it)"));
   waitForLog(mark, logged, 5);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
 }
 
 void showStore() {
@@ -213,7 +240,7 @@ bool prepare() {
   };
   std::string why;
   if (daemonExe < 0 || ctlExe < 0) return refuse(std::string(DRAVIK_DAEMON_PATH) + " or dravikctl is missing");
-  if (!sandbox::enter(&why)) return refuse("no private sandbox (root, or user namespaces allowed): " + why);
+  if (!sandbox::enter(&why)) return refuse("cannot make the private sandbox that the demo runs in: " + why);
   // The reader's own flush markers come from this process.
   syslogReader.onRecord([self = getpid()](const SyslogRecord& r) {
     if (r.pid != self) printStamped("syslog", (r.priority == LOG_ERR ? "error: " : "") + r.message);
@@ -238,10 +265,14 @@ void startWithAnEarlierStore(bool fast) {
 
   step("Start: the daemon, and simulate as the engine (11) and endpoint 2; the restore begins");
   say("The daemon waits for a writer on its mailbox, then restores channel by channel (4 s apart, then 5 s)");
-  if (fast) say("Its clock runs " + std::to_string(kSpeedUp) + " times faster (libfaketime): the restore takes 0.1 s");
+  if (fast) {
+    say("Its clock runs " + std::to_string(kSpeedUp) + " times faster (libfaketime): the restore takes 0.1 s;");
+    say("its frames are stamped on that clock, so the transcript shows their stamps but no ages");
+  }
   startDaemon();
   startSimulator({});
-  waitForLog(0, fast ? "RestoreZekAnalyticsFilter:: for ch=3" : "Restoring Zek Calibration for ch=0", 20);
+  say("(waiting for the log line of the restore's " + std::string(fast ? "last step: channel 3's filter)" : "first step)"));
+  waitForLog(0, fast ? "ZEK Analytics File for CH=3" : "Restoring Zek Calibration for ch=0", 20);
 }
 
 void newFilters() {
@@ -249,7 +280,8 @@ void newFilters() {
   const std::string filter2 = std::string(kIncoming) + "filter-ch2.xml";
   step("1. A new filter for channel 1: forwarded to endpoint 2, accepted (status 0), saved");
   writeFile(filter1, "<filter channel=\"1\"><zone name=\"door\"/></filter>\n");
-  runDravikctl({"set-filter", "1", filter1}, "Saving Analytics Filter To file for ch=1");
+  say("--wait-save: dravikctl waits for endpoint 2's answer and the daemon's save, and reports their outcome");
+  runDravikctl({"set-filter", "1", filter1, "--wait-save"}, "Saving Analytics Filter To file for ch=1", 0);
   showStore();
 
   step("2. A filter that the engine refuses: endpoint 2 answers status 3, nothing is saved");
@@ -257,12 +289,13 @@ void newFilters() {
   stopSimulator();
   startSimulator({"--filter-status", "3"});
   writeFile(filter2, "<filter channel=\"2\"><zone name=\"yard\"/></filter>\n");
-  runDravikctl({"set-filter", "2", filter2}, "Failed ZEK SetAnalyticsFilter with status 3");
+  runDravikctl({"set-filter", "2", filter2, "--wait-save"}, "Failed ZEK SetAnalyticsFilter with status 3", 1);
   printStamped(">", filter2 + " stays where the client wrote it");
   showStore();
 
   step("3. The path of a channel's filter file: a GetAnalyticsFilterDataRequest and its answer");
   say("One reader at a time on comm.mailbox: the simulator pauses while the demo reads the answers");
+  say("dravik answers with the path whether or not the file exists: channel 2 has none, its filter was refused");
   stopSimulator();
   askFilterPath(1);
   askFilterPath(2);
@@ -273,12 +306,12 @@ void calibrationCycle(bool fast) {
   if (fast) {
     step("The first hourly calibration cycle, 30 min (daemon time) after the restore");
     say("The engine answers each request with a block, which the daemon stores for the channel");
+    say("(waiting for the log line that channel 3's block is stored)");
     waitForLog(0, "UpdateCalibrationData:Updated " + CalibrationFilePath(3), 30);
   } else {
     step("Waiting for the start-up restore to finish (filters follow the calibrations after 5 s)");
-    waitForLog(0, "RestoreZekAnalyticsFilter:: for ch=3", 40);
+    waitForLog(0, "ZEK Analytics File for CH=3", 40);
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
   showStore();
 }
 
@@ -286,13 +319,13 @@ void restartAndReset() {
   step("4. Restart: SIGTERM, and a new daemon restores the stored calibrations and filters");
   stopDaemon();
   startDaemon();
-  waitForLog(0, "RestoreZekAnalyticsFilter:: for ch=3", 40);
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  say("(waiting for the log line of channel 3's filter, the last of the restore)");
+  waitForLog(0, "ZEK Analytics File for CH=3", 40);
 
   step("5. Factory reset of channel 1, then of all channels");
-  runDravikctl({"reset-channel", "1"}, "ResetCalibrationNotification::toStream channel=1");
+  runDravikctl({"reset-channel", "1"}, "ResetCalibrationNotification::toStream channel=1", 0);
   showStore();
-  runDravikctl({"reset-all"}, "ResetCalibrationNotification::toStream channel=3");
+  runDravikctl({"reset-all"}, "ResetCalibrationNotification::toStream channel=3", 0);
   showStore();
 
   step("End: the daemon stops on SIGTERM");
@@ -309,6 +342,7 @@ int main() {
   peer::seedMessageIds();
   if (!prepare()) return 1;
   bool fast = !faketime.empty();
+  fastClock = fast;
   startWithAnEarlierStore(fast);
   newFilters();
   calibrationCycle(fast);

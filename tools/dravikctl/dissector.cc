@@ -4,27 +4,16 @@
 #include <string>
 
 #include "dissector_template.h"
+#include "conversation/pairing.h"
+#include "messaging/binary_stream.h"
 #include "messaging/frame_format.h"
+#include "peer/frame_codec.h"
 #include "store/catalogue.h"
 #include "tools/dravikctl/commands.h"
 #include "tools/dravikctl/report.h"
 
 namespace dravikctl {
 namespace {
-
-const char* typeName(catalogue::ArgType type) {
-  switch (type) {
-    case catalogue::ArgType::int32:
-      return "int32";
-    case catalogue::ArgType::uint32:
-      return "uint32";
-    case catalogue::ArgType::string:
-      return "string";
-    case catalogue::ArgType::bytes:
-      return "bytes";
-  }
-  return "bytes";
-}
 
 std::string luaLayout() {
   struct Field {
@@ -44,9 +33,15 @@ std::string luaLayout() {
       {"flags", kFlagsOffset, 4},
       {"argsLength", kArgsLengthOffset, 4},
   };
-  std::string lua = "  lengthSize = " + std::to_string(kFrameLengthSize) + ", maxPayload = " +
-                    std::to_string(kMaxPayloadLength) + ", headerSize = " + std::to_string(kHeaderSize) +
-                    ", service = " + std::to_string(kServiceEndpoint) + ",\n  header = {\n";
+  auto n = [](auto value) { return std::to_string(value); };
+  std::string lua = "  lengthSize = " + n(kFrameLengthSize) + ", maxPayload = " + n(kMaxPayloadLength) +
+                    ", headerSize = " + n(kHeaderSize) + ", version = " + n(kMessageVersion) +
+                    ", recipientOffset = " + n(kRecipientOffset) + ",\n  maxString = " + n(kMaxStringLength) +
+                    ", maxBlock = " + n(kMaxByteArrayLength) + ", openLimit = " + n(conversation::kOpenRequestLimit) +
+                    ",\n  service = " + n(kServiceEndpoint) + ", engine = " + n(kEngineEndpoint) +
+                    ", requestSelector = " + n(kGetAnalyticsFilterDataSelector) +
+                    ", saveSelector = " + n(kSaveAnalyticsFilterDataSelector) +
+                    ", setCalibrationSelector = " + n(kSetCalibrationDataSelector) + ",\n  header = {\n";
   for (const Field& f : header) {
     lua += std::string("    {name = \"") + f.name + "\", offset = " + std::to_string(f.offset) +
            ", size = " + std::to_string(f.size) + "},\n";
@@ -62,7 +57,7 @@ std::string luaCatalogue() {
            ", responseSelector = " + std::to_string(e.responseSelector) + ", args = {";
     for (std::size_t i = 0; i < e.args.size(); ++i) {
       lua += std::string(i == 0 ? "" : ", ") + "{name = \"" + e.args[i].name + "\", type = \"" +
-             typeName(e.args[i].type) + "\"}";
+             peer::typeName(e.args[i].type) + "\"}";
     }
     lua += "}},\n";
   }

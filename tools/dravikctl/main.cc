@@ -21,7 +21,8 @@ int main(int argc, char* argv[]) {
   std::string whyNot;
   if (!dravikctl::parseCommandLine(argc, argv, &options, &whyNot)) return dravikctl::usageError(whyNot);
   if (options.help) {
-    fputs(dravikctl::usageText(), stdout);
+    std::string text = options.command != nullptr ? dravikctl::commandHelp(*options.command) : dravikctl::usageText();
+    fputs(text.c_str(), stdout);
     return dravikctl::kExitOk;
   }
   if (options.version) {

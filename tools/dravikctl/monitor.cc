@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <optional>
 
 #include "conversation/frame_printer.h"
 #include "conversation/pcapng.h"
@@ -38,9 +39,9 @@ Deadline endOf(const Options& o) { return o.duration > 0 ? Deadline::after(o.dur
 
 // The notification pipe, read as before the tap: only what the service sends.
 int runDirectMonitor(const Options& o) {
-  if (!mayReadNotifications(o, "monitor --direct")) return kExitFailure;
-  StopSignals stop;
   std::string whyNot;
+  if (!mayReadNotifications(o, "monitor --direct", &whyNot)) return fail(whyNot);
+  StopSignals stop;
   FrameReader reader;
   if (!reader.open(o.notifications, &whyNot)) return fail(whyNot);
   conversation::Transcript transcript(o.style);
@@ -127,43 +128,10 @@ class MonitorOutput {
   std::unique_ptr<OutputQueue> file_;
 };
 
-}  // namespace
-
-int runMonitor(const Options& o) {
-  if (o.direct) return runDirectMonitor(o);
-  StopSignals stop;
-  std::string whyNot;
-  pid_t pid = daemonPid(o, &whyNot);
-  if (pid == 0) return fail(whyNot);
-  Tap tap(o.mailbox, o.notifications);
-  if (!tap.attach(pid, &whyNot)) {
-    return fail("cannot tap dravik: " + whyNot + " (--direct reads the notification pipe instead, while nothing else reads it)");
-  }
-  std::string threads;
-  for (pid_t tid : tap.threads()) threads += " " + std::to_string(tid);
-  fprintf(stderr, "dravikctl: tapping dravik (pid %d, threads%s)\n", pid, threads.c_str());
-  fflush(stderr);
-
-  MonitorOutput out(o);
-  if (!out.open(&whyNot)) return fail(whyNot);
-  conversation::Transcript transcript(o.style);
-  long frames = 0;
-  auto sink = [&](const TapEvent& e) {
-    if (e.kind == TapEvent::Kind::log) {
-      if (o.log) out.line(transcript.log(e.bytes, e.seen));
-      return true;
-    }
-    if (e.kind != TapEvent::Kind::frame) return true;
-    std::string line = transcript.frame(e.bytes, e.direction, e.seen);
-    if (line.empty()) return true;
-    out.captured(e);
-    out.line(line);
-    return o.count == 0 || ++frames < o.count;
-  };
-  std::vector<int> wake = out.failedFds();
-  wake.insert(wake.begin(), stop.fd());
-  Tap::End end = tap.run(wake, endOf(o), sink, &whyNot);
-  tap.detach();
+// The tap's end, said: 0 to go on with the next daemon (--follow), or the
+// exit status.
+std::optional<int> ended(Tap::End end, pid_t pid, const Options& o, StopSignals& stop, const MonitorOutput& out,
+                         const std::string& whyNot) {
   switch (end) {
     case Tap::End::woken:
       if (stop.take() != 0) return kExitOk;
@@ -171,7 +139,10 @@ int runMonitor(const Options& o) {
       if (out.linesClosed()) return kExitFailure;
       return fail(out.failure() + "; detached from dravik");
     case Tap::End::daemonGone:
-      return fail("dravik (pid " + std::to_string(pid) + ") has ended");
+      if (!o.follow) return fail("dravik (pid " + std::to_string(pid) + ") has ended");
+      fprintf(stderr, "dravikctl: dravik (pid %d) has ended; waiting for the next one\n", pid);
+      fflush(stderr);
+      return std::nullopt;
     case Tap::End::failed:
       return fail(whyNot);
     case Tap::End::timeout:
@@ -179,6 +150,71 @@ int runMonitor(const Options& o) {
       break;
   }
   return kExitOk;
+}
+
+}  // namespace
+
+int runMonitor(const Options& o) {
+  if (o.direct) return runDirectMonitor(o);
+  StopSignals stop;
+  std::string whyNot;
+  // The capture file first: nothing is tapped for a capture that cannot be written.
+  MonitorOutput out(o);
+  if (!out.open(&whyNot)) return fail(whyNot);
+  Deadline end = endOf(o);
+  pid_t pid = daemonPid(o, &whyNot);
+  if (pid == 0 && !o.follow) return fail(whyNot);
+  conversation::Transcript transcript(o.style);
+  long frames = 0;
+  for (;;) {
+    if (pid == 0) {
+      fprintf(stderr, "dravikctl: waiting for dravik to read %s\n", o.mailbox.c_str());
+      fflush(stderr);
+      pid = waitForDaemon(o, end, stop.fd(), &whyNot);
+      if (pid == 0) return stop.take() != 0 || end.passed() ? kExitOk : fail(whyNot);
+    }
+    Tap tap(o.mailbox, o.notifications);
+    if (!tap.attach(pid, &whyNot)) {
+      if (o.follow && !whyNotDaemon(pid).empty()) {
+        pid = 0;  // ended before the tap held it
+        continue;
+      }
+      return fail("cannot tap dravik: " + whyNot +
+                  " (--direct reads the notification pipe instead, while nothing else reads it)");
+    }
+    std::string threads;
+    for (pid_t tid : tap.threads()) threads += " " + std::to_string(tid);
+    fprintf(stderr, "dravikctl: tapping dravik (pid %d, threads%s)\n", pid, threads.c_str());
+    fflush(stderr);
+    bool saidLogLost = false;
+    auto sink = [&](const TapEvent& e) {
+      if (e.kind == TapEvent::Kind::log) {
+        if (o.log) out.line(transcript.log(e.bytes, e.seen));
+        return true;
+      }
+      if (e.kind == TapEvent::Kind::logLost && o.log && !saidLogLost) {
+        fprintf(stderr, "dravikctl: dravik cannot write its log (%s): there are no log lines to show\n",
+                e.bytes.c_str());
+        fflush(stderr);
+        saidLogLost = true;
+      }
+      if (e.kind != TapEvent::Kind::frame) return true;
+      std::string line = transcript.frame(e.bytes, e.direction, e.seen);
+      if (line.empty()) return true;
+      out.captured(e);
+      out.line(line);
+      return o.count == 0 || ++frames < o.count;
+    };
+    std::vector<int> wake = out.failedFds();
+    wake.insert(wake.begin(), stop.fd());
+    Tap::End how = tap.run(wake, end, sink, &whyNot);
+    tap.detach();
+    std::optional<int> status = ended(how, pid, o, stop, out, whyNot);
+    if (status) return *status;
+    pid = 0;
+    // A new daemon numbers its messages afresh: no request of the old one is answered.
+    transcript = conversation::Transcript(o.style);
+  }
 }
 
 int runDecode(const Options& o) {

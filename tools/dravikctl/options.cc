@@ -6,11 +6,13 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <set>
 #include <vector>
 
 #include "messaging/frame_format.h"
 #include "store/catalogue.h"
+#include "tools/dravikctl/report.h"
 
 namespace dravikctl {
 namespace {
@@ -21,10 +23,11 @@ using Setter = std::string (*)(const std::string& value, Options* o);
 
 struct OptionRule {
   const char* name;
-  bool takesValue;
+  const char* value;      // what it takes ("SECONDS"), or null for a flag
   unsigned kinds;         // of the commands it applies to
   const char* appliesTo;  // those commands, for the error when it does not apply
   Setter set;
+  const char* help;       // for --help; lines after the first are indented
 };
 
 bool parseInt32(const std::string& text, int32_t* value) {
@@ -97,6 +100,7 @@ std::string setDirection(const std::string& value, Options* o) {
 
 const char* const kSending = "commands that send a message";
 const char* const kTapping = "monitor and commands that send a message";
+const char* const kFindsDaemon = "monitor, status, wait and commands that send a message";
 const char* const kReading = "commands that read the notification pipe";
 const unsigned kShowsFrames = kMonitors | kSimulates | kDecodes;
 const char* const kPrinting = "monitor, simulate and decode";
@@ -105,43 +109,80 @@ const char* const kFiltering = "monitor and decode";
 const std::vector<OptionRule>& optionRules() {
   using V = const std::string&;
   static const std::vector<OptionRule> table = {
-      {"help", false, kAnyKind, "", [](V, Options* o) { return setFlag(&o->help); }},
-      {"version", false, kAnyKind, "", [](V, Options* o) { return setFlag(&o->version); }},
-      {"mailbox", true, kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->mailbox); }},
-      {"notifications", true, kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->notifications); }},
-      {"timeout", true, kAnyKind, "", [](V v, Options* o) { return setSeconds(v, &o->timeout); }},
-      {"sender", true, kSends, kSending,
-       [](V v, Options* o) { return setNumber(v, &o->sender, "an endpoint number"); }},
-      {"response-selector", true, kSends, kSending,
-       [](V v, Options* o) { return setNumber(v, &o->responseSelector, "a selector number"); }},
-      {"no-wait", false, kSends, kSending, [](V, Options* o) { return setFlag(&o->noWait); }},
-      {"pid", true, kSends | kMonitors, kTapping,
-       [](V v, Options* o) { return setPositive(v, &o->pid, "a process id"); }},
-      {"direct", false, kSends | kMonitors, kTapping, [](V, Options* o) { return setFlag(&o->direct); }},
-      {"force", false, kSends | kMonitors | kSimulates, kReading, [](V, Options* o) { return setFlag(&o->force); }},
-      {"hex", false, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.hex); }},
-      {"json", false, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.json); }},
-      {"count", true, kShowsFrames, kPrinting,
-       [](V v, Options* o) { return setPositive(v, &o->count, "a number of frames, more than 0"); }},
-      {"duration", true, kMonitors | kSimulates, "monitor and simulate",
-       [](V v, Options* o) { return setSeconds(v, &o->duration); }},
-      {"log", false, kMonitors, "monitor", [](V, Options* o) { return setFlag(&o->log); }},
-      {"pcap", true, kMonitors, "monitor", [](V v, Options* o) { return setPath(v, &o->pcap); }},
-      {"selector", true, kMonitors | kDecodes, kFiltering,
+      {"help", nullptr, kAnyKind, "", [](V, Options* o) { return setFlag(&o->help); },
+       "show the help (of the command given) and exit"},
+      {"version", nullptr, kAnyKind, "", [](V, Options* o) { return setFlag(&o->version); },
+       "show the version and exit"},
+      {"mailbox", "PATH", kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->mailbox); },
+       "the service's command pipe (default /tmp/dravik.mailbox)"},
+      {"notifications", "PATH", kAnyKind, "", [](V v, Options* o) { return setPath(v, &o->notifications); },
+       "the service's notification pipe (default /tmp/comm.mailbox)"},
+      {"timeout", "SECONDS", kAnyKind, "", [](V v, Options* o) { return setSeconds(v, &o->timeout); },
+       "bound of every wait for the service (default 5)"},
+      {"sender", "N", kSends, kSending,
+       [](V v, Options* o) { return setNumber(v, &o->sender, "an endpoint number"); },
+       "sender endpoint of the message sent (default 11 for calibration-response,\n"
+       "2 for save-filter, 100 otherwise)"},
+      {"response-selector", "N", kSends, kSending,
+       [](V v, Options* o) { return setNumber(v, &o->responseSelector, "a selector number"); },
+       "response selector of the message sent (default: its class's, 13003 for a\n"
+       "GetAnalyticsFilterDataRequest, 0 otherwise)"},
+      {"correlation-id", "N", kSends, kSending,
+       [](V v, Options* o) { return setNumber(v, &o->correlationId, "a 32-bit number"); },
+       "correlation id of the message sent (default 0; calibration-response: ID)"},
+      {"no-wait", nullptr, kSends, kSending, [](V, Options* o) { return setFlag(&o->noWait); },
+       "send only: neither tap nor wait for the outcome (exit status 3)"},
+      {"wait-save", nullptr, kSends, kSending, [](V, Options* o) { return setFlag(&o->waitSave); },
+       "set-filter: wait for endpoint 2's answer and dravik's save; their outcome\n"
+       "is the verdict"},
+      {"json", nullptr, kShowsFrames | kSends | kLists | kInspects, "commands that send, monitor, simulate, decode, list and status",
+       [](V, Options* o) { return setFlag(&o->style.json); }, "print JSON: one object per line"},
+      {"pid", "N", kSends | kMonitors | kInspects, kFindsDaemon,
+       [](V v, Options* o) { return setPositive(v, &o->pid, "a process id"); },
+       "the dravik process (default: the one called dravik that reads the mailbox)"},
+      {"direct", nullptr, kSends | kMonitors, kTapping, [](V, Options* o) { return setFlag(&o->direct); },
+       "do not tap (it needs root or CAP_SYS_PTRACE): read the notification pipe\n"
+       "instead (monitor: only what the service sends; a one-shot command: the\n"
+       "answer of a request, the outcome of a command is not known)"},
+      {"force", nullptr, kSends | kMonitors | kSimulates, kReading, [](V, Options* o) { return setFlag(&o->force); },
+       "read the notification pipe even while another process reads it (that\n"
+       "process then misses what this one takes)"},
+      {"hex", nullptr, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.hex); },
+       "add the whole frame to each line"},
+      {"no-age", nullptr, kShowsFrames, kPrinting, [](V, Options* o) { return setFlag(&o->style.noAge); },
+       "leave out each frame's age (when the sender's clock is not this one's)"},
+      {"count", "N", kShowsFrames, kPrinting,
+       [](V v, Options* o) { return setPositive(v, &o->count, "a number of frames, more than 0"); },
+       "stop after N frames"},
+      {"duration", "SECONDS", kMonitors | kSimulates, "monitor and simulate",
+       [](V v, Options* o) { return setSeconds(v, &o->duration); }, "stop after this time"},
+      {"log", nullptr, kMonitors, "monitor", [](V, Options* o) { return setFlag(&o->log); },
+       "the service's syslog lines among the frames"},
+      {"pcap", "FILE", kMonitors, "monitor", [](V v, Options* o) { return setPath(v, &o->pcap); },
+       "also write a pcapng capture (\"-\": standard output, instead of the lines)"},
+      {"follow", nullptr, kMonitors, "monitor", [](V, Options* o) { return setFlag(&o->follow); },
+       "when dravik ends, wait for the next one and tap it"},
+      {"selector", "N", kMonitors | kDecodes, kFiltering,
        [](V v, Options* o) {
          int32_t selector = 0;
          std::string refused = setNumber(v, &selector, "a selector number");
          if (refused.empty()) o->style.filter.selectors.push_back(selector);
          return refused;
-       }},
-      {"channel", true, kMonitors | kDecodes, kFiltering,
-       [](V v, Options* o) { return setNumber(v, &o->style.filter.channel, "a channel number"); }},
-      {"endpoint", true, kMonitors | kDecodes, kFiltering,
-       [](V v, Options* o) { return setNumber(v, &o->style.filter.endpoint, "an endpoint number"); }},
-      {"direction", true, kMonitors | kDecodes, kFiltering, [](V v, Options* o) { return setDirection(v, o); }},
-      {"filter-status", true, kSimulates, "simulate",
-       [](V v, Options* o) { return setNumber(v, &o->filterStatus, "a 32-bit number"); }},
-      {"block-size", true, kSimulates, "simulate", [](V v, Options* o) { return setBlockSize(v, &o->blockSize); }},
+       },
+       "only frames of selector N (repeatable)"},
+      {"channel", "N", kMonitors | kDecodes, kFiltering,
+       [](V v, Options* o) { return setNumber(v, &o->style.filter.channel, "a channel number"); },
+       "only frames about channel N (and the answers to its requests)"},
+      {"endpoint", "N", kMonitors | kDecodes, kFiltering,
+       [](V v, Options* o) { return setNumber(v, &o->style.filter.endpoint, "an endpoint number"); },
+       "only frames from or to endpoint N"},
+      {"direction", "in|out", kMonitors | kDecodes, kFiltering, [](V v, Options* o) { return setDirection(v, o); },
+       "only frames into or out of the service"},
+      {"filter-status", "N", kSimulates, "simulate",
+       [](V v, Options* o) { return setNumber(v, &o->filterStatus, "a 32-bit number"); },
+       "status reported for every filter (default 0)"},
+      {"block-size", "N", kSimulates, "simulate", [](V v, Options* o) { return setBlockSize(v, &o->blockSize); },
+       "bytes of each calibration block (default 64)"},
   };
   return table;
 }
@@ -192,7 +233,7 @@ std::string refusedOption(const std::string& arg, int shortOption) {
     if (!name.empty() && std::strncmp(rule.name, name.c_str(), name.size()) == 0) candidates.push_back(&rule);
   }
   if (candidates.size() > 1) return "ambiguous option '--" + name + "'";
-  if (candidates.size() == 1 && !candidates[0]->takesValue && arg.find('=') != std::string::npos) {
+  if (candidates.size() == 1 && candidates[0]->value == nullptr && arg.find('=') != std::string::npos) {
     return std::string("option '--") + candidates[0]->name + "' takes no value";
   }
   return "unknown option '--" + name + "'";
@@ -205,7 +246,7 @@ void readOptions(Arguments& args, Options* o, std::set<std::string>* given, std:
   std::vector<struct option> longOptions;
   for (std::size_t i = 0; i < optionRules().size(); ++i) {
     const OptionRule& rule = optionRules()[i];
-    longOptions.push_back({rule.name, rule.takesValue ? required_argument : no_argument, nullptr,
+    longOptions.push_back({rule.name, rule.value != nullptr ? required_argument : no_argument, nullptr,
                            kFirstLong + static_cast<int>(i)});
   }
   longOptions.push_back({nullptr, 0, nullptr, 0});
@@ -256,11 +297,32 @@ bool readArgument(Argument argument, const std::string& value, Options* o, std::
     case Argument::captureFile:
       o->file = value;
       return true;
+    case Argument::className:
+      o->className = value;
+      return true;
+    case Argument::fields:
+      o->fields.push_back(value);
+      return true;
+    case Argument::topic:
+      if (findCommand(value) != nullptr) {
+        o->topic = value;
+        return true;
+      }
+      *whyNot = "unknown command '" + value + "'";
+      return false;
   }
   return true;
 }
 
-// The command and its arguments: what is left after the options.
+// "N STATUS", as the usage shows a command's arguments.
+std::string argumentsText(const Command& command) {
+  std::string text;
+  for (Argument a : command.arguments) text += std::string(text.empty() ? "" : " ") + usageName(a);
+  return text;
+}
+
+// The command and its arguments: what is left after the options. The last
+// argument may take any number of words (fields) or none (topic).
 bool readCommand(const std::vector<std::string>& words, Options* o, std::string* whyNot) {
   if (words.empty()) {
     *whyNot = "no command given";
@@ -273,19 +335,26 @@ bool readCommand(const std::vector<std::string>& words, Options* o, std::string*
   }
   const Command& command = *o->command;
   std::size_t count = words.size() - 1;
-  if (count != command.arguments.size()) {
+  std::size_t required = command.arguments.size();
+  std::size_t most = required;
+  if (required > 0 && command.arguments.back() == Argument::fields) {
+    --required;
+    most = count;
+  } else if (required > 0 && command.arguments.back() == Argument::topic) {
+    --required;
+  }
+  if (count < required || count > most) {
     if (command.arguments.empty()) {
       *whyNot = std::string(command.name) + " takes no arguments";
-      return false;
+    } else {
+      *whyNot = std::string(command.name) + " takes " + argumentsText(command) + ", got " + std::to_string(count) +
+                (count == 1 ? " argument" : " arguments");
     }
-    std::string expected;
-    for (Argument a : command.arguments) expected += std::string(expected.empty() ? "" : " ") + usageName(a);
-    *whyNot = std::string(command.name) + " takes " + expected + ", got " + std::to_string(count) +
-              (count == 1 ? " argument" : " arguments");
     return false;
   }
   for (std::size_t k = 0; k < count; ++k) {
-    if (!readArgument(command.arguments[k], words[k + 1], o, whyNot)) return false;
+    Argument a = command.arguments[std::min(k, command.arguments.size() - 1)];
+    if (!readArgument(a, words[k + 1], o, whyNot)) return false;
   }
   return true;
 }
@@ -300,15 +369,50 @@ bool checkOptions(const Options& o, const std::set<std::string>& given, std::str
   }
   if (o.direct && o.pid != 0) {
     *whyNot = "--direct reads the notification pipe; --pid names a process to tap: choose one";
-  } else if (o.noWait && (o.direct || o.pid != 0)) {
-    *whyNot = "--no-wait only sends; --direct and --pid say how to wait";
-  } else if (o.direct && (o.log || !o.pcap.empty())) {
-    *whyNot = "--log and --pcap need the tap, which --direct turns off";
+  } else if (o.noWait && (o.direct || o.pid != 0 || o.waitSave)) {
+    *whyNot = "--no-wait only sends; --direct, --pid and --wait-save say how to wait";
+  } else if (o.direct && (o.log || !o.pcap.empty() || o.follow || o.waitSave)) {
+    *whyNot = "--log, --pcap, --follow and --wait-save need the tap, which --direct turns off";
+  } else if (o.follow && o.pid != 0) {
+    *whyNot = "--follow finds each new dravik by its name; --pid names one process: choose one";
+  } else if (o.waitSave && (o.command->className == nullptr || std::string(o.command->name) != "set-filter") &&
+             !(o.command->className == nullptr && o.className == "SetAnalyticsFilterDataCommand")) {
+    *whyNot = "--wait-save applies to set-filter (and call SetAnalyticsFilterDataCommand) only";
   } else {
     return true;
   }
   return false;
 }
+
+// One option's lines of the help.
+std::string optionHelp(const OptionRule& rule) {
+  std::string head = std::string("  --") + rule.name + (rule.value != nullptr ? std::string(" ") + rule.value : "");
+  if (std::string(rule.name) == "help") head = "  -h, --help";
+  if (std::string(rule.name) == "version") head = "  -V, --version";
+  std::string text;
+  std::string help = rule.help;
+  for (std::size_t start = 0; start <= help.size();) {
+    std::size_t end = help.find('\n', start);
+    if (end == std::string::npos) end = help.size();
+    std::string left = text.empty() ? head : "";
+    left.resize(std::max<std::size_t>(left.size() + 1, 26), ' ');
+    text += left + help.substr(start, end - start) + "\n";
+    start = end + 1;
+  }
+  return text;
+}
+
+std::string commandLine(const Command& command) {
+  std::string args = argumentsText(command);
+  return std::string(command.name) + (args.empty() ? "" : " " + args);
+}
+
+const char* const kExitStatuses =
+    "Exit status of a command that sends: 0 dravik was seen to accept the message (and\n"
+    "answer a request); 1 it was seen to refuse it (an error in its log, a failed rename,\n"
+    "no answer); 3 sent, but the outcome could not be seen (no tap, no log, a timeout:\n"
+    "the message may still run); 4 not sent (no dravik reads the mailbox). Other\n"
+    "commands: 0 done, 1 failed. 2: bad arguments, for all.\n";
 
 }  // namespace
 
@@ -322,6 +426,7 @@ bool parseCommandLine(int argc, char* const argv[], Options* options, std::strin
     *options = Options();
     options->help = o.help;
     options->version = o.version;
+    if (optind < argc) options->command = findCommand(args.text(optind));
     return true;
   }
   if (!firstError.empty()) {
@@ -335,74 +440,41 @@ bool parseCommandLine(int argc, char* const argv[], Options* options, std::strin
   return true;
 }
 
-const char* usageText() {
-  return R"(Usage: dravikctl [OPTIONS] COMMAND [ARGUMENTS]
+std::string usageText() {
+  std::string text =
+      "Usage: dravikctl [OPTIONS] COMMAND [ARGUMENTS]\n\n"
+      "Talks to the dravik parameter storage service through its named pipes, and\n"
+      "watches it through a tap (ptrace) that takes nothing from them.\n\nCommands:\n";
+  for (const Command& command : commands()) {
+    std::string left = "  " + commandLine(command);
+    left.resize(std::max<std::size_t>(left.size() + 1, 32), ' ');
+    text += left + command.summary + "\n";
+  }
+  text += "\nOptions (`dravikctl help COMMAND` shows those of one command):\n";
+  for (const OptionRule& rule : optionRules()) text += optionHelp(rule);
+  return text +
+         "\nA frame is printed as: time (UTC), in or out, class, sender->recipient, id,\n"
+         "corr (correlation id), resp (response selector), arguments, stamp (the\n"
+         "frame's own time) and age; an answer also names the request it answers.\n" +
+         kExitStatuses;
+}
 
-Talks to the dravik parameter storage service through its named pipes, and
-watches it through a tap (ptrace) that takes nothing from them.
+std::string commandHelp(const Command& command) {
+  std::string summary = command.summary;
+  summary[0] = static_cast<char>(toupper(static_cast<unsigned char>(summary[0])));
+  std::string text = "Usage: dravikctl [OPTIONS] " + commandLine(command) + "\n\n" + summary + ".\n";
+  if (*command.details != '\0') text += std::string(command.details) + "\n";
+  text += "\nOptions:\n";
+  for (const OptionRule& rule : optionRules()) {
+    if ((rule.kinds & command.kind) != 0) text += optionHelp(rule);
+  }
+  if ((command.kind & kSends) != 0) text += std::string("\n") + kExitStatuses;
+  return text;
+}
 
-Commands that send one message to the service, then show what the service
-logged while handling it (exit status 1 when that was an error):
-  reset-all                     factory reset of all four channels
-  reset-channel N               factory reset of channel N (filter and calibration)
-  reset-calibration N           delete the stored calibration of channel N
-  reset-filter N                delete the stored analytics filter of channel N
-  set-filter N FILE             have the filter in FILE applied to channel N; the
-                                service saves it when endpoint 2 reports success
-                                (FILE must be on the store's file system; a
-                                relative name is sent as an absolute path)
-  save-filter N STATUS          report endpoint 2's STATUS for channel N's new
-                                filter (0: applied, the file is saved)
-  calibration-response ID FILE  answer calibration request ID with the bytes of FILE
-  get-filter N                  ask for the filter file of channel N, print its path
-
-Commands that watch:
-  monitor                       print every frame into and out of the service,
-                                decoded, with requests paired with their answers
-  decode FILE                   print a capture made with monitor --pcap
-  simulate                      play the analytics engine (11) and endpoint 2:
-                                answer calibration requests and filter settings;
-                                reads the notification pipe, so it is the only
-                                reader there (the camera's own must be stopped)
-  dissector                     print the Wireshark dissector (Lua) for captures
-
-Options:
-  --mailbox PATH          the service's command pipe (default /tmp/dravik.mailbox)
-  --notifications PATH    the service's notification pipe (default /tmp/comm.mailbox)
-  --timeout SECONDS       bound of every wait for the service (default 5)
-  --sender N              sender endpoint of the message sent (default 11 for
-                          calibration-response, 2 for save-filter, 100 otherwise)
-  --response-selector N   response selector of the message sent (default 13003
-                          for get-filter, 0 otherwise)
-  --no-wait               send only: neither tap nor wait for the outcome
-  --pid N                 the dravik process to tap (default: the one called dravik)
-  --direct                do not tap (it needs root or CAP_SYS_PTRACE): read the
-                          notification pipe instead (monitor: only what the
-                          service sends; a one-shot command: outcome unknown)
-  --force                 read the notification pipe even while another process
-                          reads it (that process then misses what this one takes)
-  --hex                   add the whole frame to each line
-  --json                  print one JSON object per line
-  --count N               stop after N frames
-  --duration SECONDS      stop after this time
-  --log                   monitor: the service's syslog lines among the frames
-  --pcap FILE             monitor: also write a pcapng capture ("-": standard
-                          output, instead of the lines)
-  --selector N            monitor, decode: only frames of selector N (repeatable)
-  --channel N             monitor, decode: only frames about channel N
-  --endpoint N            monitor, decode: only frames from or to endpoint N
-  --direction in|out      monitor, decode: only frames into or out of the service
-  --filter-status N       simulate: status reported for every filter (default 0)
-  --block-size N          simulate: bytes of each calibration block (default 64)
-  -h, --help              show this help and exit
-  -V, --version           show the version and exit
-
-A frame is printed as: time (UTC), in or out, class, sender->recipient, id,
-corr (correlation id), resp (response selector), arguments, stamp (the
-frame's own time) and age; an answer also names the request it answers.
-Exit status: 0 done, 1 the service could not be reached, did not answer or
-logged an error, 2 bad arguments.
-)";
+int runHelp(const Options& o) {
+  const Command* command = findCommand(o.topic);
+  return printText(command != nullptr ? commandHelp(*command) : usageText()) ? kExitOk : kExitFailure;
 }
 
 }  // namespace dravikctl

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "conversation/transcript.h"
 #include "store/service_paths.h"
@@ -26,11 +27,16 @@ struct Options {
   int32_t status = 0;
   int32_t requestId = 0;
   std::string file;
+  std::string className;            // call: a class name or a selector
+  std::vector<std::string> fields;  // call: NAME=VALUE
+  std::string topic;                // help: the command to tell about
 
   std::string mailbox = kCommandFifoPath;
   std::string notifications = kNotificationFifoPath;
   std::optional<int32_t> sender;            // unless given: the command's own
   std::optional<int32_t> responseSelector;  // unless given: its class's own
+  std::optional<int32_t> correlationId;     // unless given: the command's own (0)
+  bool waitSave = false;                    // set-filter: the verdict of the save
   double timeout = 5;                       // seconds
 
   pid_t pid = 0;        // the daemon to tap; 0: found by name
@@ -40,6 +46,7 @@ struct Options {
 
   conversation::Style style;  // how monitor, decode and simulate show frames
   bool log = false;           // monitor: the daemon's syslog lines too
+  bool follow = false;        // monitor: tap each new daemon after a restart
   std::string pcap;           // monitor: capture file; "-": standard output
   long count = 0;             // 0: no bound
   double duration = 0;        // seconds; 0: no bound
@@ -48,11 +55,15 @@ struct Options {
 };
 
 // Reads the command line into `options`. False with a one-line reason in
-// `whyNot` on bad arguments. --help and --version win over everything else.
+// `whyNot` on bad arguments. --help and --version win over everything else;
+// with --help, `command` is set when the line names one.
 bool parseCommandLine(int argc, char* const argv[], Options* options, std::string* whyNot);
 
-// The text of --help.
-const char* usageText();
+// The text of --help: every command and option.
+std::string usageText();
+// The help of one command: its usage, what it does, the options that
+// apply to it.
+std::string commandHelp(const Command& command);
 
 }  // namespace dravikctl
 

@@ -16,6 +16,11 @@ int usageError(const std::string& message) {
   return kExitUsage;
 }
 
+void warn(const std::string& message) {
+  fprintf(stderr, "dravikctl: warning: %s\n", message.c_str());
+  fflush(stderr);
+}
+
 bool printLine(const std::string& line) { return printText(line + "\n"); }
 
 bool printText(const std::string& text) {

@@ -12,15 +12,24 @@
 
 namespace dravikctl {
 
+// The exit statuses. A command that sends a message exits 0 only when it
+// saw the daemon accept it, 1 when it saw the daemon refuse it, 3 when the
+// message went out but its outcome could not be seen (it may still run),
+// and 4 when nothing was sent.
 constexpr int kExitOk = 0;
-// The service could not be reached, did not answer, or logged an error.
+// Seen refused (an error line in the daemon's log, no answer to a request);
+// for the other commands: failed.
 constexpr int kExitFailure = 1;
-constexpr int kExitUsage = 2;  // bad arguments
+constexpr int kExitUsage = 2;  // bad arguments; nothing sent
+constexpr int kExitUnknown = 3;
+constexpr int kExitNotSent = 4;
 
 // "dravikctl: <message>" on standard error; returns kExitFailure.
 int fail(const std::string& message);
 // The same and the hint to --help; returns kExitUsage.
 int usageError(const std::string& message);
+// "dravikctl: warning: <message>" on standard error.
+void warn(const std::string& message);
 // Writes one line to standard output at once. False when standard output
 // is gone.
 bool printLine(const std::string& line);

@@ -4,6 +4,10 @@
 // a real peer it keeps the mailbox open for writing, and it survives restarts
 // of the service: when the service goes it waits for the next one. It reads
 // the notification pipe, so it refuses to start beside another reader.
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <cstdio>
 
 #include "conversation/frame_printer.h"
@@ -42,11 +46,12 @@ class Simulator {
   explicit Simulator(const Options& options) : o_(options), transcript_(options.style) {}
 
   int run() {
-    if (!mayReadNotifications(o_, "simulate")) return kExitFailure;
+    Deadline end = o_.duration > 0 ? Deadline::after(o_.duration) : Deadline::never();
     std::string whyNot;
+    if (!waitForPipe(end)) return finish(0, kExitOk);
+    if (!mayReadNotifications(o_, "simulate", &whyNot)) return fail(whyNot);
     if (!reader_.open(o_.notifications, &whyNot)) return fail(whyNot);
     attach();
-    Deadline end = o_.duration > 0 ? Deadline::after(o_.duration) : Deadline::never();
     long received = 0;
     std::string frame;
     for (;;) {
@@ -79,6 +84,23 @@ class Simulator {
   }
 
  private:
+  // Waits while there is no notification pipe yet (the daemon makes it as
+  // it starts). False when stopped first.
+  bool waitForPipe(const Deadline& end) {
+    struct stat info;
+    bool said = false;
+    while (stat(o_.notifications.c_str(), &info) != 0 && errno == ENOENT) {
+      if (!said) fprintf(stderr, "dravikctl: simulate: waiting for %s\n", o_.notifications.c_str());
+      said = true;
+      struct pollfd stop = {stop_.fd(), POLLIN, 0};
+      if (poll(&stop, 1, static_cast<int>(kAttachInterval * 1000)) > 0 || end.passed()) {
+        stop_.take();
+        return false;
+      }
+    }
+    return true;
+  }
+
   // Holds the mailbox open for writing once a daemon reads it. Each new
   // reason for failing is said once.
   void attach() {

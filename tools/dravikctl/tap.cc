@@ -258,7 +258,21 @@ void Tap::handleSyscall(pid_t tid, Thread& thread, std::vector<TapEvent>* events
   if (info.op != PTRACE_SYSCALL_INFO_EXIT || !thread.inCall) return;
   thread.inCall = false;
   if (changesDescriptors(thread.call)) fds_.clear();
-  if (info.exit.is_error || info.exit.rval < 0) return;
+  if (info.exit.is_error || info.exit.rval < 0) {
+    // glibc connects to /dev/log for a line and sends it: a failure of
+    // either loses the line (a camera without a syslog daemon).
+    bool connects = thread.call == SYS_connect;
+    if ((connects || sendsDatagram(thread.call)) && kindOf(static_cast<int>(thread.args[0])) == Fd::logSocket) {
+      TapEvent lost;
+      lost.kind = TapEvent::Kind::logLost;
+      lost.bytes = std::string(connects ? "connect to /dev/log: " : "send to /dev/log: ") +
+                   std::strerror(static_cast<int>(-info.exit.rval));
+      lost.thread = tid;
+      lost.seen = now();
+      events->push_back(std::move(lost));
+    }
+    return;
+  }
   std::size_t done = static_cast<std::size_t>(info.exit.rval);
   int fd = static_cast<int>(thread.args[0]);
   if (thread.call == SYS_read && kindOf(fd) == Fd::mailbox) {

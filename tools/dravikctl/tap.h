@@ -41,6 +41,7 @@ struct TapEvent {
     frame,        // a frame in `direction`; one cut short when its writer left
     log,          // one datagram sent to the system log
     mailboxRead,  // `thread` begins to read the mailbox: it has handled all it read before
+    logLost,      // a line of `thread` did not reach the system log; `bytes` says why
   };
   Kind kind = Kind::frame;
   catalogue::Flow direction = catalogue::Flow::in;
