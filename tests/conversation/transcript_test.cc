@@ -38,6 +38,13 @@ TEST(Transcript, LinesOfAConversation) {
        "00:00:01.005 out GetAnalyticsFilterDataResponse 13->100 id=3 corr=7 resp=0 path=\"/p\" stamp=00:00:01.001 "
        "age=4ms answers=7 after=2.0ms",
        true},  // the answer to a request about channel 1
+      // A second answer to the same request: that one is closed, this is unpaired.
+      {"00000030 00000001 0000000D 00000064 00000006 00000007 00000000000003E9 000032CB 00000000 00000000 00000004"
+       " 0002 2F70",
+       Flow::out, 1007,
+       "00:00:01.007 out GetAnalyticsFilterDataResponse 13->100 id=6 corr=7 resp=0 path=\"/p\" stamp=00:00:01.001 "
+       "age=6ms",
+       false},
       {"00000034 00000001 0000000D 00000002 00000004 00000000 00000000000003E8 000032CC 000032CE 00000000 00000008"
        " 00000001 0002 2F66",
        Flow::out, 1010,
