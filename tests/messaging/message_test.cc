@@ -1,11 +1,17 @@
-// The message model: header defaults and ids, the 44-byte layout, the
-// registry, and what requests and notifications do when processed.
+// The message model: header defaults and ids (on two threads at once too),
+// the 44-byte layout, the registry, and what requests and notifications do
+// when processed.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <sstream>
+#include <thread>
 
 #include "messaging/binary_fifo.h"
 #include "messaging/binary_message.h"
+#include "messaging/text_message.h"
 #include "tests/support/capture.h"
 #include "tests/support/wire.h"
 
@@ -54,6 +60,54 @@ TEST(MessageTest, NewMessageHasHeaderDefaultsAndTheNextId) {
   b.argsLength = 9;
   EXPECT_EQ(encoded(b), toHex(be32(1) + be32(5) + be32(13) + be32(b.id) + be32(0x01020304) +
                               bytesFromHex("00 00 01 1F 71 FB 04 CB") + be32(13) + be32(77) + be32(0x10) + be32(9)));
+}
+
+class Line : public Message {
+ public:
+  const char* getSelector() const override { return "Line"; }
+};
+
+// Ids are taken in one step: two threads building messages at once never
+// get the same id, and each sees its own ids increase. Rounds are added
+// until the two threads' ids have interleaved often, so that a load and a
+// store in place of that one step cannot go unseen.
+TEST(MessageTest, IdsTakenOnTwoThreadsAtOnceAreDistinctAndIncreasing) {
+  const std::pair<const char*, std::function<int32_t()>> kinds[] = {
+      {"binary", [] { return Plain().id; }},
+      {"text", [] { return Line().id; }},
+  };
+  for (const auto& kind : kinds) {
+    constexpr int kPerRound = 20000;
+    std::size_t interleavings = 0, duplicates = 0, decreases = 0;
+    for (int round = 0; round < 200 && interleavings < 20000; ++round) {
+      std::vector<int32_t> ids[2];
+      std::atomic<int> ready{0};
+      auto build = [&](int thread) {
+        ids[thread].reserve(kPerRound);
+        ready.fetch_add(1);
+        while (ready.load() < 2) {
+        }
+        for (int i = 0; i < kPerRound; ++i) ids[thread].push_back(kind.second());
+      };
+      std::thread other(build, 1);
+      build(0);
+      other.join();
+      std::vector<std::pair<int32_t, int>> all;
+      for (int thread = 0; thread < 2; ++thread) {
+        for (std::size_t i = 0; i < ids[thread].size(); ++i) {
+          all.emplace_back(ids[thread][i], thread);
+          if (i > 0 && ids[thread][i] <= ids[thread][i - 1]) ++decreases;
+        }
+      }
+      std::sort(all.begin(), all.end());
+      for (std::size_t i = 1; i < all.size(); ++i) {
+        if (all[i].first == all[i - 1].first) ++duplicates;
+        if (all[i].second != all[i - 1].second) ++interleavings;
+      }
+    }
+    EXPECT_EQ(duplicates, 0u) << kind.first;
+    EXPECT_EQ(decreases, 0u) << kind.first;
+  }
 }
 
 TEST(MessageTest, HeaderIsDecodedInLayoutOrder) {
