@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -27,6 +28,8 @@ class ForgetfulFileSystem : public StoreFileSystem {
   // Syncs of files, or of directories, fail with EIO (and sync nothing).
   bool failFileSyncs = false;
   bool failDirectorySyncs = false;
+  // A write takes at most this many bytes, as a write may.
+  std::size_t writeAtMost = SIZE_MAX;
 
   // Puts a file in place as if it had been there, synced, for long.
   void plant(const std::string& path, const std::string& content) {
@@ -73,6 +76,7 @@ class ForgetfulFileSystem : public StoreFileSystem {
   }
   ssize_t write(int fd, const char* from, std::size_t count) override {
     call();
+    count = std::min(count, writeAtMost);
     open_.at(fd).inode->data.append(from, count);
     return static_cast<ssize_t>(count);
   }
@@ -164,7 +168,11 @@ void cutAtEveryCall(Prepare prepare, Update update, Check check) {
 }
 
 const std::string kOldBlock = "old calibration";
-const std::string kNewBlock(1000, 'N');
+const std::string kNewBlock = [] {
+  std::string bytes;
+  for (int i = 0; i < 1000; ++i) bytes += static_cast<char>('A' + i % 26);
+  return bytes;
+}();
 
 TEST(DurabilityTest, ACalibrationUpdateLeavesTheOldFileOrTheWholeNewBlock) {
   const std::string path = CalibrationFilePath(1);
@@ -175,6 +183,7 @@ TEST(DurabilityTest, ACalibrationUpdateLeavesTheOldFileOrTheWholeNewBlock) {
     block.assign(kNewBlock.data(), static_cast<uint32_t>(kNewBlock.size()));
     cutAtEveryCall(
         [&](ForgetfulFileSystem& files) {
+          files.writeAtMost = 300;
           if (hadFile) files.plant(path, kOldBlock);
         },
         [&] { UpdateCalibrationData(1, block); },
@@ -236,6 +245,26 @@ TEST(DurabilityTest, FailedSyncsAreFailedCalibrationWritesButFiltersAreStillMove
                                                             incoming)}));
     EXPECT_GE(files.openForReading(FilterFilePath(3)), 0) << "moved into the store";
   }
+}
+
+// A file that shrinks between the look at its size and its read: the
+// block's tail is zeros, never memory that was not read (here the memory of
+// the block read just before).
+TEST(DurabilityTest, AFileThatShrinksWhileItIsReadLeavesZeros) {
+  class Shrinking : public ForgetfulFileSystem {
+   public:
+    using ForgetfulFileSystem::ForgetfulFileSystem;
+    int64_t size(int) override { return 64; }
+  } files(0);
+  files.plant("/full", std::string(64, 'Z'));
+  files.plant("/shrunk", "abc");
+  StoreFileSystem* previous = useStoreFileSystem(&files);
+  byteArray block;
+  uint64_t size = 0;
+  ReadCalibrationFile("/full", block, &size);
+  EXPECT_EQ(ReadCalibrationFile("/shrunk", block, &size), CalibrationRead::read);
+  useStoreFileSystem(previous);
+  EXPECT_EQ(std::string(block.data, block.length), "abc" + std::string(61, '\0'));
 }
 
 }  // namespace
