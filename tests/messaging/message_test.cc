@@ -152,10 +152,17 @@ TEST(MessageTest, ResponseAnswersItsRequest) {
                                      be32(2045) + be32(0) + be32(0) + be32(0) + str("ok")));
 }
 
-TEST(MessageTest, CommandWithoutBehaviourSaysSo) {
+TEST(MessageTest, CommandWithoutBehaviourOrNotificationWithoutOutputSaysSo) {
   ConsoleCapture console;
   Plain().Process();
   EXPECT_EQ(console.takeErr(), "<time> Error: BinaryMessage::Process() was not implemented by a message class\n");
+  BinaryOutputFifo* output = BinaryMessage::notificationOutput;
+  BinaryMessage::notificationOutput = nullptr;
+  BinaryNotification dropped;
+  dropped.Process();
+  BinaryMessage::notificationOutput = output;
+  EXPECT_EQ(console.takeErr(), "<time> Error: No notification output - dropping message: " + std::to_string(dropped.id) +
+                                   "\n");
 }
 
 }  // namespace
