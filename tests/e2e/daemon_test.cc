@@ -293,16 +293,25 @@ Fd fillNotificationPipe(std::size_t room) {
 }
 
 TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
-  // The dispatcher blocked: a reset cannot be announced.
-  Fd full = fillNotificationPipe(10);
-  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
-  std::string error;
-  ASSERT_NO_FATAL_FAILURE(openMailbox());
-  ASSERT_TRUE(mailbox_.write(frame(Header{13005, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
-  ASSERT_TRUE(waitForLine(info("RestoreFactoryFilterNotification::toStream channel=1")));
-  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
-  std::vector<SyslogLine> lines = log();
-  EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 6, lines.end()), stopLines(SIGTERM));
+  // The dispatcher blocked: a reset cannot be announced. The stop goes to the
+  // main thread alone (the send ends because a stop has begun) or to the
+  // dispatcher alone (the send ends on its signal).
+  for (bool toDispatcher : {false, true}) {
+    SCOPED_TRACE(toDispatcher ? "stop sent to the dispatcher" : "stop sent to the main thread");
+    ASSERT_TRUE(resetStoreAndPipes());
+    Fd full = fillNotificationPipe(10);
+    ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+    std::string error;
+    ASSERT_NO_FATAL_FAILURE(openMailbox());
+    ASSERT_TRUE(mailbox_.write(frame(Header{13005, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
+    ASSERT_TRUE(waitForLine(info("RestoreFactoryFilterNotification::toStream channel=1")));
+    const pid_t dispatcher = dispatcherTid();
+    ASSERT_GE(waitUntilPolling(daemon_->pid(), dispatcher), 0);
+    EXPECT_EQ(stop(SIGTERM, toDispatcher ? dispatcher : daemon_->pid()), "exited with status 1");
+    const std::vector<SyslogLine> lines = log(), stopping = stopLines(SIGTERM, toDispatcher ? Runs::dispatcher : Runs::main);
+    ASSERT_GE(lines.size(), stopping.size());
+    EXPECT_EQ(std::vector<SyslogLine>(lines.end() - static_cast<std::ptrdiff_t>(stopping.size()), lines.end()), stopping);
+  }
 
   // The main thread blocked in the start-up restore: nothing after it runs.
   writeFile(calibrationPath(0), "zero");
@@ -312,7 +321,7 @@ TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
   ASSERT_TRUE(waitForLine(info("toStream channel=0 length=4")));
   ASSERT_TRUE(waitForLine(info("API: starting dispatcher")));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
-  lines = log();
+  std::vector<SyslogLine> lines = log();
   EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 6, lines.end()), stopLines(SIGTERM));
   EXPECT_EQ(std::count(lines.begin(), lines.end(), info("Restoring Zek Calibration for ch=1")), 0);
 }
