@@ -1,9 +1,11 @@
-// What a power cut leaves of the store. The store runs on a file system
-// held in memory that cuts the power at its N-th call and then forgets what
-// was not synced: file contents not synced are lost, and so are the entries
-// of a directory made, removed or renamed since that directory was last
-// synced. Every N of an update is tried.
+// What a power cut leaves of the store, what a file that shrinks while it
+// is read leaves, and what a link planted at a store path gets. The store
+// runs on a file system held in memory that cuts the power at its N-th call
+// and then forgets what was not synced: file contents not synced are lost,
+// and so are the entries of a directory made, removed or renamed since that
+// directory was last synced. Every N of an update is tried.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,7 +17,9 @@
 #include "store/analytics_filter_store.h"
 #include "store/calibration_store.h"
 #include "store/store_file_system.h"
+#include "harness/temp_dir.h"
 #include "tests/support/capture.h"
+#include "tests/support/store_files.h"
 
 namespace {
 
@@ -265,6 +269,54 @@ TEST(DurabilityTest, AFileThatShrinksWhileItIsReadLeavesZeros) {
   EXPECT_EQ(ReadCalibrationFile("/shrunk", block, &size), CalibrationRead::read);
   useStoreFileSystem(previous);
   EXPECT_EQ(std::string(block.data, block.length), "abc" + std::string(61, '\0'));
+}
+
+// The real file system, in a directory of the test's own, with a link
+// (symbolic or hard) to a file of someone else's planted at the calibration
+// path just after the old file is removed: a new file is made only where
+// nothing stands, so that file is never written.
+TEST(DurabilityTest, ALinkPlantedWhereTheOldFileWasIsRefused) {
+  class Planting : public StoreFileSystem {
+   public:
+    Planting(std::string dir, bool hard) : dir_(std::move(dir)), hard_(hard) {}
+    int openForReading(const std::string& path) override { return real_.openForReading(at(path)); }
+    int create(const std::string& path) override { return real_.create(at(path)); }
+    int64_t size(int fd) override { return real_.size(fd); }
+    ssize_t read(int fd, char* to, std::size_t n) override { return real_.read(fd, to, n); }
+    ssize_t write(int fd, const char* from, std::size_t n) override { return real_.write(fd, from, n); }
+    int sync(int fd) override { return real_.sync(fd); }
+    int syncDirectory(const std::string&) override { return real_.syncDirectory(dir_); }
+    int close(int fd) override { return real_.close(fd); }
+    int unlink(const std::string& path) override {
+      int result = real_.unlink(at(path));
+      EXPECT_EQ((hard_ ? link : symlink)((dir_ + "/theirs").c_str(), at(path).c_str()), 0);
+      return result;
+    }
+    int rename(const std::string& from, const std::string& to) override { return real_.rename(at(from), at(to)); }
+
+   private:
+    std::string at(const std::string& path) const { return dir_ + path.substr(path.rfind('/')); }
+    StoreFileSystem& real_ = storeFileSystem();
+    std::string dir_;
+    bool hard_;
+  };
+  for (bool hard : {false, true}) {
+    TempDir dir;
+    writeFile(dir.file("theirs"), "keep");
+    writeFile(dir.file("zekCalibrationDataCH1.bin"), kOldBlock);
+    Planting files(dir.path(), hard);
+    StoreFileSystem* previous = useStoreFileSystem(&files);
+    SyslogCapture syslog;
+    byteArray block;
+    block.assign("new", 3);
+    UpdateCalibrationData(1, block);
+    useStoreFileSystem(previous);
+    EXPECT_EQ(syslog.take(), (std::vector<SyslogLine>{info("UpdateCalibrationData:Updating " + CalibrationFilePath(1)),
+                                                       err("UpdateCalibrationData:File open failed for File::" +
+                                                           CalibrationFilePath(1))}))
+        << (hard ? "hard link" : "symbolic link");
+    EXPECT_EQ(readFile(dir.file("theirs")), "keep") << (hard ? "hard link" : "symbolic link");
+  }
 }
 
 }  // namespace
