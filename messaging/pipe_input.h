@@ -41,6 +41,13 @@ class PipeReadBuffer : public PipeBuffer {
   std::streamsize xsgetn(char* s, std::streamsize n) override;
   std::streamsize showmanyc() override;
 
+  // True when every writer has gone and nothing is left to read: asked right
+  // after a read found the pipe empty. A writer may come, write and go in
+  // between; then its bytes are there beside the hangup and this is false.
+  // Virtual only as a seam: a test overrides it to act in that window and
+  // calls this one to answer.
+  virtual bool hungUp() const;
+
  private:
   bool waitForWriter();
   // Reads what the pipe holds (at least one byte, waiting if needed) into
@@ -48,7 +55,6 @@ class PipeReadBuffer : public PipeBuffer {
   std::streamsize readSome(char* to, std::streamsize capacity);
   // Reopens when the path no longer names the pipe held now.
   void followPath();
-  bool hungUp() const;
   void startWatch();
   void watchOpens();
 

@@ -226,31 +226,61 @@ TEST_F(DaemonTest, MailboxRemovedOrReplacedWhileIdleIsFollowed) {
   EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 2}, be32(3))).frames.size(), 1u);
 }
 
-TEST_F(DaemonTest, MailboxThatCannotBeMadeAgainIsReportedOncePerStretch) {
-  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
-  ASSERT_NO_FATAL_FAILURE(connect());
-  mailbox_.close();
-  ASSERT_TRUE(waitForLine(kEmpty));
-  // A read-only file system over /tmp hides the daemon's directory; the
-  // mailbox is then removed below it, through a descriptor kept from before.
-  Fd lower = openFd("/tmp", O_RDONLY | O_DIRECTORY);
-  ASSERT_EQ(mount("ro", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0) << std::strerror(errno);
-  ASSERT_EQ(unlinkat(lower.get(), "dravik.mailbox", 0), 0);
-  ASSERT_TRUE(daemon_->waitForErr("Failed to create FIFO\n", kGuard));
-  // Another try while the file system stays read-only (the name changed
-  // below wakes the daemon, which finds it still missing): nothing more said.
-  ASSERT_EQ(mkfifoat(lower.get(), "dravik.mailbox", 0666), 0);
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  ASSERT_EQ(umount("/tmp"), 0);
-  // Back: the pipe made below is found at the next change of the name.
-  ASSERT_EQ(mkfifoat(lower.get(), "next", 0666), 0);
-  ASSERT_EQ(renameat(lower.get(), "next", lower.get(), "dravik.mailbox"), 0);
-  std::string error;
-  for (int i = 0; i < 1000 && !mailbox_.open(kCommandFifoPath, &error); ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+// While /tmp is read-only the mailbox cannot be made again: "Failed to
+// create FIFO" once per stretch and again in the next one, and a stop sent
+// to the process or to the dispatcher ends the wait for a mailbox. A
+// read-only file system over /tmp hides the daemon's directory; the mailbox
+// is removed below it, through a descriptor kept from before.
+TEST_F(DaemonTest, MailboxThatCannotBeMadeAgainIsReportedOncePerStretchAndAStopEndsTheWait) {
+  struct Unmount {
+    ~Unmount() { umount2("/tmp", MNT_DETACH); }
+  } unmountAtTheEnd;
+  for (bool toDispatcher : {false, true}) {
+    SCOPED_TRACE(toDispatcher ? "stop sent to the dispatcher" : "stop sent to the process");
+    ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+    ASSERT_NO_FATAL_FAILURE(connect());
+    const pid_t dispatcher = dispatcherTid();
+    Fd lower = openFd("/tmp", O_RDONLY | O_DIRECTORY);
+    std::string err;
+    if (!toDispatcher) {
+      // The mailbox goes while the daemon waits for a writer.
+      mailbox_.close();
+      ASSERT_TRUE(waitForLine(kEmpty));
+      ASSERT_EQ(mount("ro", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0) << std::strerror(errno);
+      ASSERT_EQ(unlinkat(lower.get(), "dravik.mailbox", 0), 0);
+      ASSERT_TRUE(daemon_->waitForErr("Failed to create FIFO\n", kGuard));
+      // Another try within the stretch (the name changed below wakes the
+      // daemon, which finds it still missing): nothing more said.
+      long sleeps = waitUntilPolling(daemon_->pid(), dispatcher);
+      ASSERT_EQ(mkfifoat(lower.get(), "dravik.mailbox", 0666), 0);
+      ASSERT_GE(waitUntilPolling(daemon_->pid(), dispatcher, sleeps), 0);
+      ASSERT_EQ(umount("/tmp"), 0);
+      // Back: the pipe made below is found at the next change of the name.
+      ASSERT_EQ(mkfifoat(lower.get(), "next", 0666), 0);
+      ASSERT_EQ(renameat(lower.get(), "next", lower.get(), "dravik.mailbox"), 0);
+      std::string error;
+      for (int i = 0; i < 1000 && !mailbox_.open(kCommandFifoPath, &error); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      }
+      EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
+      err = kEndOfFile + "Failed to create FIFO\n";
+    }
+    // The mailbox goes while a writer holds it; when the writer leaves it
+    // cannot be opened again, and the stop comes while the daemon waits.
+    ASSERT_EQ(mount("ro", "/tmp", "tmpfs", MS_RDONLY, nullptr), 0) << std::strerror(errno);
+    ASSERT_EQ(unlinkat(lower.get(), "dravik.mailbox", 0), 0);
+    mailbox_.close();
+    ASSERT_TRUE(waitForLine(kEmpty, toDispatcher ? 1 : 2));
+    ASSERT_GE(waitUntilPolling(daemon_->pid(), dispatcher), 0);
+    EXPECT_EQ(stop(SIGTERM, toDispatcher ? dispatcher : 0), "exited with status 1");
+    std::vector<SyslogLine> lines = log();
+    const std::vector<SyslogLine> stopping = stopLines(SIGTERM, toDispatcher ? Runs::dispatcher : Runs::main);
+    ASSERT_GE(lines.size(), stopping.size());
+    EXPECT_EQ(std::vector<SyslogLine>(lines.end() - static_cast<std::ptrdiff_t>(stopping.size()), lines.end()),
+              stopping);
+    EXPECT_EQ(maskLogTime(daemon_->err()), err + kEndOfFile + "Failed to create FIFO\n");
+    ASSERT_EQ(umount("/tmp"), 0);
   }
-  EXPECT_EQ(exchange(frame(Header{13001, 2, 13, 1}, be32(3))).frames.size(), 1u);
-  EXPECT_EQ(maskLogTime(daemon_->err()), kEndOfFile + "Failed to create FIFO\n");
 }
 
 // Fills the notification pipe with a frame of junk, leaving `room` bytes.
@@ -263,16 +293,25 @@ Fd fillNotificationPipe(std::size_t room) {
 }
 
 TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
-  // The dispatcher blocked: a reset cannot be announced.
-  Fd full = fillNotificationPipe(10);
-  ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
-  std::string error;
-  ASSERT_NO_FATAL_FAILURE(openMailbox());
-  ASSERT_TRUE(mailbox_.write(frame(Header{13005, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
-  ASSERT_TRUE(waitForLine(info("RestoreFactoryFilterNotification::toStream channel=1")));
-  EXPECT_EQ(stop(SIGTERM), "exited with status 1");
-  std::vector<SyslogLine> lines = log();
-  EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 6, lines.end()), stopLines(SIGTERM));
+  // The dispatcher blocked: a reset cannot be announced. The stop goes to the
+  // main thread alone (the send ends because a stop has begun) or to the
+  // dispatcher alone (the send ends on its signal).
+  for (bool toDispatcher : {false, true}) {
+    SCOPED_TRACE(toDispatcher ? "stop sent to the dispatcher" : "stop sent to the main thread");
+    ASSERT_TRUE(resetStoreAndPipes());
+    Fd full = fillNotificationPipe(10);
+    ASSERT_NO_FATAL_FAILURE(start({"-s", "1000"}));
+    std::string error;
+    ASSERT_NO_FATAL_FAILURE(openMailbox());
+    ASSERT_TRUE(mailbox_.write(frame(Header{13005, 2, 13, 1}, be32(1)), peer::Deadline::after(5), &error));
+    ASSERT_TRUE(waitForLine(info("RestoreFactoryFilterNotification::toStream channel=1")));
+    const pid_t dispatcher = dispatcherTid();
+    ASSERT_GE(waitUntilPolling(daemon_->pid(), dispatcher), 0);
+    EXPECT_EQ(stop(SIGTERM, toDispatcher ? dispatcher : daemon_->pid()), "exited with status 1");
+    const std::vector<SyslogLine> lines = log(), stopping = stopLines(SIGTERM, toDispatcher ? Runs::dispatcher : Runs::main);
+    ASSERT_GE(lines.size(), stopping.size());
+    EXPECT_EQ(std::vector<SyslogLine>(lines.end() - static_cast<std::ptrdiff_t>(stopping.size()), lines.end()), stopping);
+  }
 
   // The main thread blocked in the start-up restore: nothing after it runs.
   writeFile(calibrationPath(0), "zero");
@@ -282,7 +321,7 @@ TEST_F(DaemonTest, StopEndsASendIntoAFullPipeOnEitherThread) {
   ASSERT_TRUE(waitForLine(info("toStream channel=0 length=4")));
   ASSERT_TRUE(waitForLine(info("API: starting dispatcher")));
   EXPECT_EQ(stop(SIGTERM), "exited with status 1");
-  lines = log();
+  std::vector<SyslogLine> lines = log();
   EXPECT_EQ(std::vector<SyslogLine>(lines.end() - 6, lines.end()), stopLines(SIGTERM));
   EXPECT_EQ(std::count(lines.begin(), lines.end(), info("Restoring Zek Calibration for ch=1")), 0);
 }

@@ -3,10 +3,16 @@
 // when the pipe is removed or replaced while no writer holds it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <future>
 #include <iostream>
 #include <thread>
@@ -92,10 +98,20 @@ TEST_F(EndpointTest, OnlyANamedPipeIsOpenedThroughALinkThatCanBeTrusted) {
     if (owner != geteuid() && lchown(path.c_str(), owner, owner) != 0) return std::string();
     return path;
   };
+  auto node = [&](const std::string& name, mode_t kind, dev_t device) {
+    const std::string path = dir_.file(name);
+    return mknod(path.c_str(), kind | 0666, device) == 0 ? path : std::string();
+  };
+  const std::string socketPath = dir_.file("socket");
+  Fd bound(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  struct sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  std::strncpy(address.sun_path, socketPath.c_str(), sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(bound.get(), reinterpret_cast<const struct sockaddr*>(&address), sizeof address), 0);
   const std::string notAPipe = "not a named pipe";
   const struct Row {
     const char* name;
-    std::string path;  // empty: this system cannot make the row (another user's link needs root)
+    std::string path;  // empty: this system cannot make the row (another user's link, a device node need root)
     std::string failure;  // empty: it opens
   } rows[] = {
       {"a named pipe", fifo, ""},
@@ -108,12 +124,15 @@ TEST_F(EndpointTest, OnlyANamedPipeIsOpenedThroughALinkThatCanBeTrusted) {
       {"a link to a regular file", link("to-file", file), notAPipe},
       {"a directory", dir_.path(), notAPipe},
       {"a device, through a link", link("to-null", "/dev/null"), notAPipe},
+      {"a character device", node("null", S_IFCHR, makedev(1, 3)), notAPipe},
+      {"a block device", node("loop", S_IFBLK, makedev(7, 0)), notAPipe},
+      {"a socket", socketPath, notAPipe},
       {"a dangling link", link("dangling", dir_.file("nothing")), "No such file or directory"},
       {"nothing", dir_.file("absent"), "No such file or directory"},
   };
   for (const Row& row : rows) {
     if (row.path.empty()) {
-      std::cout << "[ SKIPPED  ] row \"" << row.name << "\": lchown needs root here\n";
+      std::cout << "[ SKIPPED  ] row \"" << row.name << "\": needs root here\n";
       continue;
     }
     BinaryOutputFifo out(row.path.c_str());
@@ -171,6 +190,35 @@ TEST_F(EndpointTest, InputOpenWaitsForAWriterEvenOneThatLeavesAtOnce) {
   EXPECT_TRUE(missing.stream.fail());
 }
 
+// A reader whose look for a hangup lets a writer come, write all of `bytes`
+// and go first: the window between a read that found the pipe empty and
+// that look, made certain.
+class WriterInTheWindow : public PipeReadBuffer {
+ public:
+  mutable std::string bytes;
+
+ protected:
+  bool hungUp() const override {
+    if (!bytes.empty()) writeAll(openFd(path_, O_WRONLY).get(), bytes);
+    bytes.clear();
+    return PipeReadBuffer::hungUp();
+  }
+};
+
+TEST_F(EndpointTest, WriterBetweenAnEmptyReadAndTheHangupCheckIsReadNotTakenForEndOfFile) {
+  const std::string path = makeFifo(dir_.file("p")), sent = frame(Header{31040, 1, 13, 6});
+  WriterInTheWindow buffer;
+  Fd first = openFd(path, O_RDWR);
+  ASSERT_TRUE(buffer.open(path.c_str()));
+  first.reset();  // gone: the pipe is empty and hung up
+  buffer.bytes = sent;
+  std::istream in(&buffer);
+  std::string got(sent.size(), '\0');
+  in.read(&got[0], static_cast<std::streamsize>(got.size()));
+  EXPECT_EQ(toHex(got), toHex(sent));
+  EXPECT_EQ(in.get(), EOF) << "then the writer's end of file";
+}
+
 class FollowingReaderTest : public EndpointTest {
  protected:
   void SetUp() override {
@@ -187,13 +235,31 @@ class FollowingReaderTest : public EndpointTest {
     fifo_->stream.clear();
     console_.takeErr();
     console_.takeOut();
+    fifo_->stream.buffer().wakeOn({giveUp_.fd()});
   }
-  // The id of the next message, read on another thread while the test acts.
+  // The id of the next message, read on the thread reader_ while the test acts.
   std::future<int32_t> nextId() {
-    return std::async(std::launch::async, [this] {
+    reader_ = 0;
+    std::future<int32_t> id = std::async(std::launch::async, [this] {
+      reader_ = static_cast<pid_t>(syscall(SYS_gettid));
       std::unique_ptr<BinaryMessage> m(fifo_->getMessage());
       return m ? m->id : -1;
     });
+    while (reader_ == 0) std::this_thread::yield();
+    return id;
+  }
+  // What nextId() read; -1, and the reader woken, if nothing came within a
+  // generous guard.
+  int32_t idOf(std::future<int32_t>& id) {
+    if (id.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+      ADD_FAILURE() << "no message read";
+      giveUp_.trigger();
+    }
+    try {
+      return id.get();
+    } catch (const PipeInterrupted&) {
+      return -1;
+    }
   }
   void sendThroughPath(int32_t id) {
     ASSERT_TRUE(waitForPipe(path_));
@@ -201,13 +267,17 @@ class FollowingReaderTest : public EndpointTest {
   }
   std::string path_;
   std::unique_ptr<BinaryInputFifo> fifo_;
+  WakeUp giveUp_;
+  std::atomic<pid_t> reader_{0};
 };
 
 TEST_F(FollowingReaderTest, RemovedPipeIsMadeAgainWithItsMode) {
+  const mode_t mask = umask(077);  // it would narrow the mode
   auto id = nextId();
-  ASSERT_EQ(unlink(path_.c_str()), 0);
+  EXPECT_EQ(unlink(path_.c_str()), 0);
   sendThroughPath(2);
-  EXPECT_EQ(id.get(), 2);
+  EXPECT_EQ(idOf(id), 2);
+  umask(mask);
   EXPECT_EQ(modeOf(path_), 0604u);
 }
 
@@ -216,23 +286,25 @@ TEST_F(FollowingReaderTest, ReplacedPipeIsFollowed) {
   std::string other = makeFifo(dir_.file("other"));
   ASSERT_EQ(rename(other.c_str(), path_.c_str()), 0);
   sendThroughPath(3);
-  EXPECT_EQ(id.get(), 3);
+  EXPECT_EQ(idOf(id), 3);
 }
 
 TEST_F(FollowingReaderTest, WriterOfTheOldPipeIsServedToItsEnd) {
   Fd old = openFd(path_, O_WRONLY);
   auto first = nextId();
+  // The pipe is replaced while the reader waits for the old writer's bytes.
+  EXPECT_GE(waitUntilPolling(getpid(), reader_), 0);
   std::string other = makeFifo(dir_.file("other"));
-  ASSERT_EQ(rename(other.c_str(), path_.c_str()), 0);
+  EXPECT_EQ(rename(other.c_str(), path_.c_str()), 0);
   writeAll(old.get(), frame(Header{31040, 1, 13, 4}));
-  EXPECT_EQ(first.get(), 4);
+  EXPECT_EQ(idOf(first), 4);
   old.reset();
   EXPECT_EQ(fifo_->getMessage(), nullptr);  // its end of file
   ASSERT_TRUE(fifo_->stream.reopen());       // what the service does then
   fifo_->stream.clear();
   auto second = nextId();
   sendThroughPath(5);
-  EXPECT_EQ(second.get(), 5);
+  EXPECT_EQ(idOf(second), 5);
 }
 
 }  // namespace

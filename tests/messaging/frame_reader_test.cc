@@ -172,6 +172,15 @@ TEST_F(FrameReaderTest, EndOfFileIsReportedOnceThenTheStreamIsNotGood) {
   EXPECT_EQ(fifo_->getMessage(), notGoodResult<BinaryMessage>());
   EXPECT_EQ(fifo_->getMessage(), notGoodResult<BinaryMessage>());
   EXPECT_EQ(console_.takeErr(), "");
+  // A writer who comes and goes before the reader opens the pipe afresh:
+  // the pipe never loses its reader, so the frame is still there (and not
+  // the one written after the reopen).
+  writeAll(openFd(path_, O_WRONLY).get(), kMarker);
+  ASSERT_TRUE(fifo_->stream.reopen());
+  fifo_->stream.clear();
+  writer_ = openFd(path_, O_WRONLY);
+  writeAll(writer_.get(), frame(Header{13, 11, 13, 4712}));
+  expectMarkerNext("written before the reopen");
 }
 
 TEST_F(FrameReaderTest, OneFlagForTheProcessDecidesTheUnhappyWarning) {

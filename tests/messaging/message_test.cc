@@ -1,11 +1,17 @@
-// The message model: header defaults and ids, the 44-byte layout, the
-// registry, and what requests and notifications do when processed.
+// The message model: header defaults and ids (on two threads at once too),
+// the 44-byte layout, the registry, and what requests and notifications do
+// when processed.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <sstream>
+#include <thread>
 
 #include "messaging/binary_fifo.h"
 #include "messaging/binary_message.h"
+#include "messaging/text_message.h"
 #include "tests/support/capture.h"
 #include "tests/support/wire.h"
 
@@ -56,6 +62,54 @@ TEST(MessageTest, NewMessageHasHeaderDefaultsAndTheNextId) {
                               bytesFromHex("00 00 01 1F 71 FB 04 CB") + be32(13) + be32(77) + be32(0x10) + be32(9)));
 }
 
+class Line : public Message {
+ public:
+  const char* getSelector() const override { return "Line"; }
+};
+
+// Ids are taken in one step: two threads building messages at once never
+// get the same id, and each sees its own ids increase. Rounds are added
+// until the two threads' ids have interleaved often, so that a load and a
+// store in place of that one step cannot go unseen.
+TEST(MessageTest, IdsTakenOnTwoThreadsAtOnceAreDistinctAndIncreasing) {
+  const std::pair<const char*, std::function<int32_t()>> kinds[] = {
+      {"binary", [] { return Plain().id; }},
+      {"text", [] { return Line().id; }},
+  };
+  for (const auto& kind : kinds) {
+    constexpr int kPerRound = 20000;
+    std::size_t interleavings = 0, duplicates = 0, decreases = 0;
+    for (int round = 0; round < 200 && interleavings < 20000; ++round) {
+      std::vector<int32_t> ids[2];
+      std::atomic<int> ready{0};
+      auto build = [&](int thread) {
+        ids[thread].reserve(kPerRound);
+        ready.fetch_add(1);
+        while (ready.load() < 2) {
+        }
+        for (int i = 0; i < kPerRound; ++i) ids[thread].push_back(kind.second());
+      };
+      std::thread other(build, 1);
+      build(0);
+      other.join();
+      std::vector<std::pair<int32_t, int>> all;
+      for (int thread = 0; thread < 2; ++thread) {
+        for (std::size_t i = 0; i < ids[thread].size(); ++i) {
+          all.emplace_back(ids[thread][i], thread);
+          if (i > 0 && ids[thread][i] <= ids[thread][i - 1]) ++decreases;
+        }
+      }
+      std::sort(all.begin(), all.end());
+      for (std::size_t i = 1; i < all.size(); ++i) {
+        if (all[i].first == all[i - 1].first) ++duplicates;
+        if (all[i].second != all[i - 1].second) ++interleavings;
+      }
+    }
+    EXPECT_EQ(duplicates, 0u) << kind.first;
+    EXPECT_EQ(decreases, 0u) << kind.first;
+  }
+}
+
 TEST(MessageTest, HeaderIsDecodedInLayoutOrder) {
   std::istringstream source(bytesFromHex("00 00 00 02 00 00 00 05 00 00 00 0D 00 00 00 07 00 00 00 2A"
                                          "00 00 01 1F 71 FB 04 CB 00 00 00 0E 00 00 32 CB 80 00 00 01 00 00 00 03"));
@@ -98,10 +152,17 @@ TEST(MessageTest, ResponseAnswersItsRequest) {
                                      be32(2045) + be32(0) + be32(0) + be32(0) + str("ok")));
 }
 
-TEST(MessageTest, CommandWithoutBehaviourSaysSo) {
+TEST(MessageTest, CommandWithoutBehaviourOrNotificationWithoutOutputSaysSo) {
   ConsoleCapture console;
   Plain().Process();
   EXPECT_EQ(console.takeErr(), "<time> Error: BinaryMessage::Process() was not implemented by a message class\n");
+  BinaryOutputFifo* output = BinaryMessage::notificationOutput;
+  BinaryMessage::notificationOutput = nullptr;
+  BinaryNotification dropped;
+  dropped.Process();
+  BinaryMessage::notificationOutput = output;
+  EXPECT_EQ(console.takeErr(), "<time> Error: No notification output - dropping message: " + std::to_string(dropped.id) +
+                                   "\n");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <cctype>
 #include <cerrno>
 #include <cstring>
+#include <map>
 
 #include "tests/support/store_files.h"
 
@@ -56,10 +57,22 @@ std::vector<SyslogLine> noFilter(int32_t ch) {
 }
 void append(std::vector<SyslogLine>& to, const std::vector<SyslogLine>& lines) { to.insert(to.end(), lines.begin(), lines.end()); }
 
-// The start-up restore of an empty store: every channel looked at, nothing sent.
-Step emptyRestore() {
+// The start-up restore of a store holding these calibration blocks (by
+// channel) and no filter: each block sent as it is.
+Step restoreOf(const std::map<int32_t, std::string>& blocks = {}) {
   Step step{Step::Kind::restore, "", {}, {}, ""};
-  for (int32_t ch = 0; ch < 4; ++ch) append(step.lines, noCalibration(ch));
+  for (int32_t ch = 0; ch < 4; ++ch) {
+    auto stored = blocks.find(ch);
+    if (stored == blocks.end()) {
+      append(step.lines, noCalibration(ch));
+      continue;
+    }
+    const std::string size = n(static_cast<int64_t>(stored->second.size()));
+    step.lines.push_back(info("Restoring Zek Calibration for ch=" + n(ch)));
+    step.lines.push_back(info("SetCalibrationDataNotification File: " + calibrationPath(ch) + " Has data size=" + size));
+    step.lines.push_back(info("toStream channel=" + n(ch) + " length=" + size));
+    step.out.push_back(framePattern(2046, 11, 2045, be32(ch) + block(stored->second)));
+  }
   for (int32_t ch = 0; ch < 4; ++ch) append(step.lines, noFilter(ch));
   return step;
 }
@@ -137,15 +150,6 @@ std::vector<Scenario> makeScenarios() {
       append(restore.lines, noFilter(ch));
     }
   }
-  // A stored block longer than a reader accepts is sent all the same.
-  Step restoreLarge{Step::Kind::restore, "", {framePattern(2046, 11, 2045, be32(0) + block(std::string(65490, 'L')))},
-                    {}, ""};
-  restoreLarge.lines = {info("Restoring Zek Calibration for ch=0"),
-                        info("SetCalibrationDataNotification File: " + calibrationPath(0) + " Has data size=65490"),
-                        info("toStream channel=0 length=65490")};
-  for (int32_t ch = 1; ch < 4; ++ch) append(restoreLarge.lines, noCalibration(ch));
-  for (int32_t ch = 0; ch < 4; ++ch) append(restoreLarge.lines, noFilter(ch));
-
   // Only regular files are store files: nothing else at a store path is
   // opened, let alone waited on (a named pipe without a writer would hold
   // the start-up for ever).
@@ -219,18 +223,19 @@ std::vector<Scenario> makeScenarios() {
        {restorePlanted},
        {{kOther, "<other/>"}},
        {}},
+      // A stored block longer than a reader accepts is sent all the same.
       {"start-up restore checks no size",
        {{calibrationPath(0), std::string(65490, 'L')}},
-       {restoreLarge},
+       {restoreOf({{0, std::string(65490, 'L')}})},
        {},
        {}},
       {"answers to calibration requests are stored by correlation id",
-       {},
-       {emptyRestore(), requestCycle(), frameStep(answer(1, block100), {}, stored(1, 100)),
+       {{calibrationPath(0), "old0"}},
+       {restoreOf({{0, "old0"}}), requestCycle(), frameStep(answer(1, block100), {}, stored(1, 100)),
         frameStep(answer(1, "twice"), {}, stored(1, 5)), frameStep(answer(2, "keep"), {}, stored(2, 4)),
         frameStep(in(2045, block("stray"), 11, 424242), {},
                   {info("Process Received Message with correlationID 424242 ArgsSize=9")}),
-        frameStep(in(2045, block("none"), 11, 0), {}, {info("Process Received Message with correlationID 0 ArgsSize=8")}),
+        // An empty block removes the stored one.
         frameStep(answer(0, ""), {},
                   {answerLine(0, 0), info("UpdateCalibrationData:Received Invalid Calibration Size 0")}),
         frameStep(in(2045, be32(65537), 11, requestOf(2)), {},
@@ -239,6 +244,12 @@ std::vector<Scenario> makeScenarios() {
                   "Error: >> byteArray[65537]: invalid length!\n")},
        {{calibrationPath(1), "twice"}, {calibrationPath(2), "keep"}},
        {calibrationPath(0)}},
+      // Every entry is still unused (request id 0, channel 0): none matches.
+      {"an answer before any request is stored nowhere",
+       {{calibrationPath(0), "c0"}},
+       {frameStep(in(2045, block("none"), 11, 0), {}, {info("Process Received Message with correlationID 0 ArgsSize=8")})},
+       {{calibrationPath(0), "c0"}},
+       {}},
       {"a calibration notification that arrives is sent on with its own header",
        {},
        {frameStep(frame(Header{2046, 11, 13, 77, 5, 9, 1234, 3}, be32(1) + block("x")),
@@ -287,21 +298,22 @@ std::vector<Scenario> makeScenarios() {
        {}},
       {"store directory missing: the answer is reported as an open failure",
        {},
-       {emptyRestore(), requestCycle(),
+       {restoreOf(), requestCycle(),
         frameStep(answer(0, "abc"), {},
                   {answerLine(0, 3), info("UpdateCalibrationData:Updating " + calibrationPath(0)),
                    err("UpdateCalibrationData:File open failed for File::" + calibrationPath(0))})},
        {},
        {calibrationPath(0)},
        Fault::missingCalibrationDirectory},
-      {"store full: the answer is reported as a write failure",
-       {},
-       {emptyRestore(), requestCycle(),
-        // Smaller than the file stream's buffer: the failure shows at the flush.
-        frameStep(answer(0, std::string(1000, 'x')), {},
-                  {answerLine(0, 1000), info("UpdateCalibrationData:Updating " + calibrationPath(0)),
+      // The old file goes first and frees one page of the full store; the
+      // new block needs two, and the page that was written stays.
+      {"store full: the answer replaces the old file and is reported as a write failure",
+       {{calibrationPath(0), "old0"}},
+       {restoreOf({{0, "old0"}}), requestCycle(),
+        frameStep(answer(0, std::string(5000, 'x')), {},
+                  {answerLine(0, 5000), info("UpdateCalibrationData:Updating " + calibrationPath(0)),
                    err("UpdateCalibrationData:Data Write failed")})},
-       {},
+       {{calibrationPath(0), std::string(4096, 'x')}},
        {},
        Fault::fullCalibrationStore},
       {"filter store read-only: rename refused, reset still announced",
@@ -332,6 +344,13 @@ void writeStoreFile(const StoreFile& file) {
   }
 }
 
+// Before the store's files are written: a full store holds the files it had.
+void prepareFault(Fault fault) {
+  if (fault == Fault::fullCalibrationStore) {
+    ASSERT_EQ(mount("full", kCalDir.c_str(), "tmpfs", 0, "size=16k"), 0) << std::strerror(errno);
+  }
+}
+
 void applyFault(Fault fault) {
   switch (fault) {
     case Fault::none:
@@ -340,7 +359,6 @@ void applyFault(Fault fault) {
       ASSERT_EQ(rmdir(kCalDir.c_str()), 0) << std::strerror(errno);
       return;
     case Fault::fullCalibrationStore: {
-      ASSERT_EQ(mount("full", kCalDir.c_str(), "tmpfs", 0, "size=16k"), 0) << std::strerror(errno);
       std::string filler(4096, 'f');
       int fd = open((kCalDir + "/filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
       while (write(fd, filler.data(), filler.size()) > 0) {
@@ -382,6 +400,7 @@ std::string ScenarioDriver::substitute(const std::string& text) const {
 
 void ScenarioDriver::setUp(const Scenario& scenario) {
   ASSERT_TRUE(resetStoreAndPipes());
+  ASSERT_NO_FATAL_FAILURE(prepareFault(scenario.fault));
   for (const StoreFile& file : scenario.before) ASSERT_NO_FATAL_FAILURE(writeStoreFile(file));
   ASSERT_NO_FATAL_FAILURE(applyFault(scenario.fault));
 }

@@ -7,6 +7,12 @@
 
 #include "harness/sandbox.h"
 
+// A test limits a child's address space to see an allocation fail: the
+// sanitizers' allocators then return null, as the system's does, instead
+// of ending the process with a report.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
+
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
   if (::testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();

@@ -1,12 +1,15 @@
-// What a power cut leaves of the store. The store runs on a file system
-// held in memory that cuts the power at its N-th call and then forgets what
-// was not synced: file contents not synced are lost, and so are the entries
-// of a directory made, removed or renamed since that directory was last
-// synced. Every N of an update is tried.
+// What a power cut leaves of the store, what a file that shrinks while it
+// is read leaves, and what a link planted at a store path gets. The store
+// runs on a file system held in memory that cuts the power at its N-th call
+// and then forgets what was not synced: file contents not synced are lost,
+// and so are the entries of a directory made, removed or renamed since that
+// directory was last synced. Every N of an update is tried.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -14,7 +17,9 @@
 #include "store/analytics_filter_store.h"
 #include "store/calibration_store.h"
 #include "store/store_file_system.h"
+#include "harness/temp_dir.h"
 #include "tests/support/capture.h"
+#include "tests/support/store_files.h"
 
 namespace {
 
@@ -27,6 +32,8 @@ class ForgetfulFileSystem : public StoreFileSystem {
   // Syncs of files, or of directories, fail with EIO (and sync nothing).
   bool failFileSyncs = false;
   bool failDirectorySyncs = false;
+  // A write takes at most this many bytes, as a write may.
+  std::size_t writeAtMost = SIZE_MAX;
 
   // Puts a file in place as if it had been there, synced, for long.
   void plant(const std::string& path, const std::string& content) {
@@ -73,6 +80,7 @@ class ForgetfulFileSystem : public StoreFileSystem {
   }
   ssize_t write(int fd, const char* from, std::size_t count) override {
     call();
+    count = std::min(count, writeAtMost);
     open_.at(fd).inode->data.append(from, count);
     return static_cast<ssize_t>(count);
   }
@@ -164,7 +172,11 @@ void cutAtEveryCall(Prepare prepare, Update update, Check check) {
 }
 
 const std::string kOldBlock = "old calibration";
-const std::string kNewBlock(1000, 'N');
+const std::string kNewBlock = [] {
+  std::string bytes;
+  for (int i = 0; i < 1000; ++i) bytes += static_cast<char>('A' + i % 26);
+  return bytes;
+}();
 
 TEST(DurabilityTest, ACalibrationUpdateLeavesTheOldFileOrTheWholeNewBlock) {
   const std::string path = CalibrationFilePath(1);
@@ -175,6 +187,7 @@ TEST(DurabilityTest, ACalibrationUpdateLeavesTheOldFileOrTheWholeNewBlock) {
     block.assign(kNewBlock.data(), static_cast<uint32_t>(kNewBlock.size()));
     cutAtEveryCall(
         [&](ForgetfulFileSystem& files) {
+          files.writeAtMost = 300;
           if (hadFile) files.plant(path, kOldBlock);
         },
         [&] { UpdateCalibrationData(1, block); },
@@ -235,6 +248,74 @@ TEST(DurabilityTest, FailedSyncsAreFailedCalibrationWritesButFiltersAreStillMove
                                                        info("Saving Analytics Filter To file for ch=3 FileName:: " +
                                                             incoming)}));
     EXPECT_GE(files.openForReading(FilterFilePath(3)), 0) << "moved into the store";
+  }
+}
+
+// A file that shrinks between the look at its size and its read: the
+// block's tail is zeros, never memory that was not read (here the memory of
+// the block read just before).
+TEST(DurabilityTest, AFileThatShrinksWhileItIsReadLeavesZeros) {
+  class Shrinking : public ForgetfulFileSystem {
+   public:
+    using ForgetfulFileSystem::ForgetfulFileSystem;
+    int64_t size(int) override { return 64; }
+  } files(0);
+  files.plant("/full", std::string(64, 'Z'));
+  files.plant("/shrunk", "abc");
+  StoreFileSystem* previous = useStoreFileSystem(&files);
+  byteArray block;
+  uint64_t size = 0;
+  ReadCalibrationFile("/full", block, &size);
+  EXPECT_EQ(ReadCalibrationFile("/shrunk", block, &size), CalibrationRead::read);
+  useStoreFileSystem(previous);
+  EXPECT_EQ(std::string(block.data, block.length), "abc" + std::string(61, '\0'));
+}
+
+// The real file system, in a directory of the test's own, with a link
+// (symbolic or hard) to a file of someone else's planted at the calibration
+// path just after the old file is removed: a new file is made only where
+// nothing stands, so that file is never written.
+TEST(DurabilityTest, ALinkPlantedWhereTheOldFileWasIsRefused) {
+  class Planting : public StoreFileSystem {
+   public:
+    Planting(std::string dir, bool hard) : dir_(std::move(dir)), hard_(hard) {}
+    int openForReading(const std::string& path) override { return real_.openForReading(at(path)); }
+    int create(const std::string& path) override { return real_.create(at(path)); }
+    int64_t size(int fd) override { return real_.size(fd); }
+    ssize_t read(int fd, char* to, std::size_t n) override { return real_.read(fd, to, n); }
+    ssize_t write(int fd, const char* from, std::size_t n) override { return real_.write(fd, from, n); }
+    int sync(int fd) override { return real_.sync(fd); }
+    int syncDirectory(const std::string&) override { return real_.syncDirectory(dir_); }
+    int close(int fd) override { return real_.close(fd); }
+    int unlink(const std::string& path) override {
+      int result = real_.unlink(at(path));
+      EXPECT_EQ((hard_ ? link : symlink)((dir_ + "/theirs").c_str(), at(path).c_str()), 0);
+      return result;
+    }
+    int rename(const std::string& from, const std::string& to) override { return real_.rename(at(from), at(to)); }
+
+   private:
+    std::string at(const std::string& path) const { return dir_ + path.substr(path.rfind('/')); }
+    StoreFileSystem& real_ = storeFileSystem();
+    std::string dir_;
+    bool hard_;
+  };
+  for (bool hard : {false, true}) {
+    TempDir dir;
+    writeFile(dir.file("theirs"), "keep");
+    writeFile(dir.file("zekCalibrationDataCH1.bin"), kOldBlock);
+    Planting files(dir.path(), hard);
+    StoreFileSystem* previous = useStoreFileSystem(&files);
+    SyslogCapture syslog;
+    byteArray block;
+    block.assign("new", 3);
+    UpdateCalibrationData(1, block);
+    useStoreFileSystem(previous);
+    EXPECT_EQ(syslog.take(), (std::vector<SyslogLine>{info("UpdateCalibrationData:Updating " + CalibrationFilePath(1)),
+                                                       err("UpdateCalibrationData:File open failed for File::" +
+                                                           CalibrationFilePath(1))}))
+        << (hard ? "hard link" : "symbolic link");
+    EXPECT_EQ(readFile(dir.file("theirs")), "keep") << (hard ? "hard link" : "symbolic link");
   }
 }
 

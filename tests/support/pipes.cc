@@ -5,10 +5,16 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
 
 namespace {
 // Only a guard against a hung test; no test relies on it.
@@ -78,4 +84,46 @@ std::string readExactly(int fd, std::size_t count) {
     }
   }
   return bytes;
+}
+
+namespace {
+
+std::string procText(pid_t pid, pid_t tid, const char* name) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/task/" + std::to_string(tid) + "/" + name);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+// Asleep (S) in poll(): the system call it sleeps in, or, where that number
+// is another machine's (qemu-user), the kernel function it sleeps in.
+bool sleepsInPoll(pid_t pid, pid_t tid) {
+  std::string stat = procText(pid, tid, "stat");
+  std::size_t end = stat.rfind(") ");
+  if (end == std::string::npos || stat.compare(end + 2, 1, "S") != 0) return false;
+  long call = std::atol(procText(pid, tid, "syscall").c_str());
+#ifdef SYS_poll
+  if (call == SYS_poll) return true;
+#endif
+  return call == SYS_ppoll || procText(pid, tid, "wchan").find("poll") != std::string::npos;
+}
+
+long sleeps(pid_t pid, pid_t tid) {
+  std::istringstream status(procText(pid, tid, "status"));
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("voluntary_ctxt_switches:", 0) == 0) return std::atol(line.c_str() + 24);
+  }
+  return -1;
+}
+
+}  // namespace
+
+long waitUntilPolling(pid_t pid, pid_t tid, long since) {
+  for (int i = 0; i < kGuardMilliseconds; ++i) {
+    long count = sleeps(pid, tid);
+    if (count > since && sleepsInPoll(pid, tid) && sleeps(pid, tid) == count) return count;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  ADD_FAILURE() << "thread " << tid << " of " << pid << " does not wait in poll()";
+  return -1;
 }

@@ -1,7 +1,9 @@
 // Raw ends of named pipes, for tests that play the peer of the code under
-// test with plain system calls.
+// test with plain system calls, and where the thread at the other end waits.
 #ifndef DRAVIK_TESTS_SUPPORT_PIPES_H_
 #define DRAVIK_TESTS_SUPPORT_PIPES_H_
+
+#include <sys/types.h>
 
 #include <string>
 
@@ -29,5 +31,12 @@ void writeAll(int fd, const std::string& bytes);
 std::string readAvailable(int fd);
 // Exactly `count` bytes, waiting for them (a generous guard fails the test).
 std::string readExactly(int fd, std::size_t count);
+
+// Waits until thread `tid` of process `pid` sleeps in poll() and has gone
+// to sleep more than `since` times (its voluntary context switches, from
+// /proc): after a stimulus, pass the count returned before it to know the
+// thread has handled it and waits again. Returns the count, or -1 when a
+// generous guard ran out.
+long waitUntilPolling(pid_t pid, pid_t tid, long since = -1);
 
 #endif  // DRAVIK_TESTS_SUPPORT_PIPES_H_
