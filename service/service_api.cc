@@ -139,7 +139,10 @@ void RunDispatcher() {
   LogLine(LOG_INFO) << "API: starting dispatcher";
   bool emptyReported = false;
   while (!dispatcherExit.load()) {
-    stopsignals::checkOnDispatcher();
+    // A stop signal sent to this thread alone, looked at before each read
+    // that goes to the pipe: under a flood that is once for many frames,
+    // and a read that has to wait watches the signalfd itself.
+    if (commandFifo.stream.rdbuf()->in_avail() <= 0) stopsignals::checkOnDispatcher();
     if (!runNextMessage(emptyReported)) break;
   }
   // Until StopApi has logged "Waiting for thread termination" (the flag
