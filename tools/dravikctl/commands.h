@@ -68,9 +68,9 @@ int runMonitor(const Options& options);      // monitor.cc
 int runDecode(const Options& options);       // monitor.cc
 int runSimulate(const Options& options);     // simulate.cc
 int printDissector(const Options& options);  // dissector.cc
-int runList(const Options& options);         // inspect.cc
-int runStatus(const Options& options);       // inspect.cc
-int runWait(const Options& options);         // inspect.cc
+int runList(const Options& options);         // observe.cc
+int runStatus(const Options& options);       // observe.cc
+int runWait(const Options& options);         // observe.cc
 int runHelp(const Options& options);         // options.cc
 
 }  // namespace dravikctl
