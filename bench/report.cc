@@ -168,6 +168,19 @@ void addCallgrindRow(std::vector<Row>& table, const std::string& results) {
   }
 }
 
+// The store against plain writes, and what the syncs of a block cost.
+void addStoreRows(std::vector<Row>& table, const Measurements& m) {
+  auto perSecond = [&](int64_t ns) { return ns > 0 ? static_cast<double>(m.storeOps) * 1e9 / static_cast<double>(ns) : 0; };
+  double plain = perSecond(m.plainNs), store = perSecond(m.storeNs);
+  table.push_back(compared("store on tmpfs, 65,488-byte blocks/s (raw: plain unlink+open+write+close)", plain, -1,
+                           store, -1, atLeast(0.7, "plain", store, plain)));
+  auto perBlockUs = [&](int64_t ns) { return m.storeOps > 0 ? static_cast<double>(ns) / 1000.0 / m.storeOps : 0; };
+  table.push_back(alone("store on tmpfs: µs per block, plain / plain with fsync of file and directory / dravik",
+                        fixed(perBlockUs(m.plainNs), 1) + " / " + fixed(perBlockUs(m.syncedNs), 1) + " / " +
+                            fixed(perBlockUs(m.storeNs), 1),
+                        "information"));
+}
+
 }  // namespace
 
 std::string fileText(const std::string& path) {
@@ -199,15 +212,7 @@ std::string report(const Options& o, Measurements& m) {
   addPingPongRows(table, m.loose, "ping-pong unpinned", false);
   addPipelinedRows(table, m.streamed);
   addCalibrationRows(table, m.blocks[0], m.blocks[1], o.cpu);
-  auto perSecond = [&](int64_t ns) { return ns > 0 ? static_cast<double>(m.storeOps) * 1e9 / static_cast<double>(ns) : 0; };
-  double plain = perSecond(m.plainNs), store = perSecond(m.storeNs);
-  table.push_back(compared("store on tmpfs, 65,488-byte blocks/s (raw: plain unlink+open+write+close)", plain, -1,
-                           store, -1, atLeast(0.7, "plain", store, plain)));
-  auto perBlockUs = [&](int64_t ns) { return m.storeOps > 0 ? static_cast<double>(ns) / 1000.0 / m.storeOps : 0; };
-  table.push_back(alone("store on tmpfs: µs per block, plain / plain with fsync of file and directory / dravik",
-                        fixed(perBlockUs(m.plainNs), 1) + " / " + fixed(perBlockUs(m.syncedNs), 1) + " / " +
-                            fixed(perBlockUs(m.storeNs), 1),
-                        "information"));
+  addStoreRows(table, m);
   for (const auto& [label, idle] : {std::make_pair("writer connected", m.connected), std::make_pair("no writer", m.alone)}) {
     table.push_back(alone("idle " + std::to_string(o.idleSeconds) + " s, " + label + ": CPU ms / context switches per s",
                           fixed(idle.cpuMs, 1) + " / " + fixed(idle.switchesPerSecond, 2),
