@@ -10,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "procfs/procfs.h"
 #include "service/lifecycle.h"
 #include "messaging/system_log.h"
 #include "service/service_api.h"
@@ -139,6 +140,9 @@ TEST_F(MainThreadTest, CalibrationRequestIsRecordedBeforeItIsSent) {
 // more than it uses, so that these allocations fail and nothing else; its
 // lines come back through a pipe.
 TEST_F(MainThreadTest, CalibrationTooLargeToAllocateIsReportedAndTheScheduleGoesOn) {
+  // qemu-user maps the guest's memory inside its own address space, which
+  // a limit sized from the guest's view cannot account for.
+  if (procfs::firstLine("/proc/self/comm").rfind("qemu-", 0) == 0) GTEST_SKIP() << "address-space limits do not work under qemu-user";
   const std::string huge = "3000000000", large = "157286400";  // a frame's 32-bit length could carry both
   writeFile(calibrationPath(1), "");
   ASSERT_EQ(truncate(calibrationPath(1).c_str(), std::stoll(huge)), 0);

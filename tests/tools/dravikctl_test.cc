@@ -20,6 +20,7 @@
 #include "conversation/pcapng.h"
 #include "harness/child_process.h"
 #include "harness/temp_dir.h"
+#include "procfs/procfs.h"
 #include "tests/support/pipes.h"
 #include "tests/support/store_files.h"
 #include "tests/support/wire.h"
@@ -141,6 +142,7 @@ TEST(DravikctlCommandLine, RefusedBeforeAnythingIsSentOrTapped) {
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(zombie), &ended, WEXITED | WNOWAIT), 0);
   const std::string self = std::to_string(getpid());
   const std::string zombiePid = std::to_string(zombie);
+  const std::string selfName = procfs::firstLine("/proc/self/comm");  // qemu-aarch64 under qemu-user
   const struct {
     std::vector<std::string> args;
     int status;
@@ -148,9 +150,9 @@ TEST(DravikctlCommandLine, RefusedBeforeAnythingIsSentOrTapped) {
   } rows[] = {
       {{"monitor", "--direct", "--notifications", file}, 1, file + " is not a named pipe"},
       {{"monitor", "--pcap", "/nonexistent/x", "--pid", self}, 1, "cannot write /nonexistent/x: No such file or directory"},
-      {{"monitor", "--pid", self}, 1, "process " + self + " (dravikctl_test) is not dravik"},
+      {{"monitor", "--pid", self}, 1, "process " + self + " (" + selfName + ") is not dravik"},
       {{"monitor", "--pid", zombiePid}, 1, "dravik (pid " + zombiePid + ") has ended: a zombie that its parent has not collected"},
-      {{"reset-all", "--pid", self}, 4, "not sent: process " + self + " (dravikctl_test) is not dravik"},
+      {{"reset-all", "--pid", self}, 4, "not sent: process " + self + " (" + selfName + ") is not dravik"},
       {{"reset-all", "--direct", "--mailbox", file}, 4, "not sent: " + file + " is not a named pipe"},
   };
   for (const auto& row : rows) {
